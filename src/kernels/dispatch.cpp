@@ -21,6 +21,14 @@ bool cpu_has_fma128() {
   return __builtin_cpu_supports("sse4.1") && __builtin_cpu_supports("avx") &&
          __builtin_cpu_supports("fma");
 }
+
+bool cpu_has_avx2() { return cpu_has_fma128() && __builtin_cpu_supports("avx2"); }
+
+bool cpu_has_avx512() {
+  return cpu_has_avx2() && __builtin_cpu_supports("avx512f") &&
+         __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw") &&
+         __builtin_cpu_supports("avx512vl");
+}
 #endif
 
 struct Registry {
@@ -30,6 +38,8 @@ struct Registry {
     entries[count++] = {&portable_kernel_set(), true};
 #if defined(QZ_HAVE_X86_KERNELS)
     entries[count++] = {&fma128_kernel_set(), cpu_has_fma128()};
+    entries[count++] = {&avx2_kernel_set(), cpu_has_avx2()};
+    entries[count++] = {&avx512_kernel_set(), cpu_has_avx512()};
 #endif
   }
 };

@@ -1,0 +1,113 @@
+// 32-byte vector operations for the generic row kernel: eight float or four
+// double lanes, so one vector covers two float blocks (or two double
+// blocks). No include guard: included inside a target region, under
+// QZ_TARGET_NS.
+
+namespace qzinterp3d {
+namespace QZ_TARGET_NS {
+
+template <class C>
+struct Ops256;
+
+template <>
+struct Ops256<float> {
+  using Coord = float;
+  static constexpr int lanes = 8;
+  using V = __m256;
+  using Mask = __m256;
+  using Index = __m256i;
+
+  static V load(const float* p) { return _mm256_loadu_ps(p); }
+  static void store(float* p, V v) { _mm256_storeu_ps(p, v); }
+  static V set1(float c) { return _mm256_set1_ps(c); }
+  static V add(V a, V b) { return _mm256_add_ps(a, b); }
+  static V sub(V a, V b) { return _mm256_sub_ps(a, b); }
+  static V mul(V a, V b) { return _mm256_mul_ps(a, b); }
+  static V fma(V a, V b, V c) { return _mm256_fmadd_ps(a, b, c); }
+  static V neg(V a) { return _mm256_xor_ps(a, _mm256_set1_ps(-0.0f)); }
+  static V floor(V a) { return _mm256_round_ps(a, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
+  static V ceil(V a) { return _mm256_round_ps(a, _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC); }
+  static V round_even(V a) {
+    return _mm256_round_ps(a, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  }
+  static Mask gt(V a, V b) { return _mm256_cmp_ps(a, b, _CMP_GT_OQ); }
+  static Mask or_(Mask a, Mask b) { return _mm256_or_ps(a, b); }
+  static V select(Mask m, V yes, V no) { return _mm256_blendv_ps(no, yes, m); }
+  // As Ops128: truncation, then INT32_MAX for lanes at or above 2^31.
+  static Index to_index(V a) {
+    const __m256i t = _mm256_cvttps_epi32(a);
+    const __m256i high =
+        _mm256_castps_si256(_mm256_cmp_ps(a, _mm256_set1_ps(2147483648.0f), _CMP_GE_OQ));
+    return _mm256_xor_si256(t, high);
+  }
+  static Index clamp(Index i, int32_t hi) {
+    return _mm256_max_epi32(_mm256_min_epi32(i, _mm256_set1_epi32(hi)), _mm256_setzero_si256());
+  }
+  static V to_coord(Index i) { return _mm256_cvtepi32_ps(i); }
+  static void store_index(int32_t* p, Index i) {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(p), i);
+  }
+  static V unsigned_to_coord(__m256i u) {
+    const __m256 high =
+        _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(u, 16)), _mm256_set1_ps(65536.0f));
+    const __m256 low = _mm256_cvtepi32_ps(_mm256_and_si256(u, _mm256_set1_epi32(0xFFFF)));
+    return _mm256_add_ps(high, low);
+  }
+  template <class Sample>
+  static V gather(const Sample* b, const int64_t* o) {
+    if constexpr (std::is_same_v<Sample, float>) {
+      return _mm256_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]]);
+    } else {
+      const __m256i v = _mm256_setr_epi32(
+          static_cast<int>(b[o[0]]), static_cast<int>(b[o[1]]), static_cast<int>(b[o[2]]),
+          static_cast<int>(b[o[3]]), static_cast<int>(b[o[4]]), static_cast<int>(b[o[5]]),
+          static_cast<int>(b[o[6]]), static_cast<int>(b[o[7]]));
+      if constexpr (std::is_same_v<Sample, uint32_t>) {
+        return unsigned_to_coord(v);
+      } else {
+        return _mm256_cvtepi32_ps(v);
+      }
+    }
+  }
+};
+
+template <>
+struct Ops256<double> {
+  using Coord = double;
+  static constexpr int lanes = 4;
+  using V = __m256d;
+  using Mask = __m256d;
+  using Index = __m128i;
+
+  static V load(const double* p) { return _mm256_loadu_pd(p); }
+  static void store(double* p, V v) { _mm256_storeu_pd(p, v); }
+  static V set1(double c) { return _mm256_set1_pd(c); }
+  static V add(V a, V b) { return _mm256_add_pd(a, b); }
+  static V sub(V a, V b) { return _mm256_sub_pd(a, b); }
+  static V mul(V a, V b) { return _mm256_mul_pd(a, b); }
+  static V fma(V a, V b, V c) { return _mm256_fmadd_pd(a, b, c); }
+  static V neg(V a) { return _mm256_xor_pd(a, _mm256_set1_pd(-0.0)); }
+  static V floor(V a) { return _mm256_round_pd(a, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
+  static V ceil(V a) { return _mm256_round_pd(a, _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC); }
+  static V round_even(V a) {
+    return _mm256_round_pd(a, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  }
+  static Mask gt(V a, V b) { return _mm256_cmp_pd(a, b, _CMP_GT_OQ); }
+  static Mask or_(Mask a, Mask b) { return _mm256_or_pd(a, b); }
+  static V select(Mask m, V yes, V no) { return _mm256_blendv_pd(no, yes, m); }
+  // As Ops128<double>: INT32_MIN only for lanes outside the grid or NaN.
+  static Index to_index(V a) { return _mm256_cvttpd_epi32(a); }
+  static Index clamp(Index i, int32_t hi) {
+    return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_setzero_si128());
+  }
+  static V to_coord(Index i) { return _mm256_cvtepi32_pd(i); }
+  static void store_index(int32_t* p, Index i) { _mm_store_si128(reinterpret_cast<__m128i*>(p), i); }
+  template <class Sample>
+  static V gather(const Sample* b, const int64_t* o) {
+    static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
+    return _mm256_setr_pd(b[o[0]], b[o[1]], b[o[2]], b[o[3]]);
+  }
+};
+
+}  // namespace QZ_TARGET_NS
+}  // namespace qzinterp3d

@@ -1,0 +1,117 @@
+// 64-byte vector operations for the generic row kernel: sixteen float or
+// eight double lanes, so one vector covers four float blocks or one 8-bit
+// block. No include guard: included inside a target region, under
+// QZ_TARGET_NS.
+
+namespace qzinterp3d {
+namespace QZ_TARGET_NS {
+
+template <class C>
+struct Ops512;
+
+template <>
+struct Ops512<float> {
+  using Coord = float;
+  static constexpr int lanes = 16;
+  using V = __m512;
+  using Mask = __mmask16;
+  using Index = __m512i;
+
+  static V load(const float* p) { return _mm512_loadu_ps(p); }
+  static void store(float* p, V v) { _mm512_storeu_ps(p, v); }
+  static V set1(float c) { return _mm512_set1_ps(c); }
+  static V add(V a, V b) { return _mm512_add_ps(a, b); }
+  static V sub(V a, V b) { return _mm512_sub_ps(a, b); }
+  static V mul(V a, V b) { return _mm512_mul_ps(a, b); }
+  static V fma(V a, V b, V c) { return _mm512_fmadd_ps(a, b, c); }
+  static V neg(V a) {
+    return _mm512_castsi512_ps(
+        _mm512_xor_si512(_mm512_castps_si512(a), _mm512_set1_epi32(INT32_MIN)));
+  }
+  static V floor(V a) { return _mm512_roundscale_ps(a, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
+  static V ceil(V a) { return _mm512_roundscale_ps(a, _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC); }
+  static V round_even(V a) {
+    return _mm512_roundscale_ps(a, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  }
+  static Mask gt(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_GT_OQ); }
+  static Mask or_(Mask a, Mask b) { return static_cast<Mask>(a | b); }
+  static V select(Mask m, V yes, V no) { return _mm512_mask_blend_ps(m, no, yes); }
+  // Truncation gives INT32_MIN for NaN and overflow; lanes at or above 2^31
+  // saturate to INT32_MAX.
+  static Index to_index(V a) {
+    const Mask high = _mm512_cmp_ps_mask(a, _mm512_set1_ps(2147483648.0f), _CMP_GE_OQ);
+    return _mm512_mask_mov_epi32(_mm512_cvttps_epi32(a), high, _mm512_set1_epi32(INT32_MAX));
+  }
+  static Index clamp(Index i, int32_t hi) {
+    return _mm512_max_epi32(_mm512_min_epi32(i, _mm512_set1_epi32(hi)), _mm512_setzero_si512());
+  }
+  static V to_coord(Index i) { return _mm512_cvtepi32_ps(i); }
+  static void store_index(int32_t* p, Index i) { _mm512_store_si512(p, i); }
+  template <class Sample>
+  static V gather(const Sample* b, const int64_t* o) {
+    if constexpr (std::is_same_v<Sample, float>) {
+      return _mm512_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]],
+                            b[o[7]], b[o[8]], b[o[9]], b[o[10]], b[o[11]], b[o[12]], b[o[13]],
+                            b[o[14]], b[o[15]]);
+    } else {
+      const __m512i v = _mm512_setr_epi32(
+          static_cast<int>(b[o[0]]), static_cast<int>(b[o[1]]), static_cast<int>(b[o[2]]),
+          static_cast<int>(b[o[3]]), static_cast<int>(b[o[4]]), static_cast<int>(b[o[5]]),
+          static_cast<int>(b[o[6]]), static_cast<int>(b[o[7]]), static_cast<int>(b[o[8]]),
+          static_cast<int>(b[o[9]]), static_cast<int>(b[o[10]]), static_cast<int>(b[o[11]]),
+          static_cast<int>(b[o[12]]), static_cast<int>(b[o[13]]), static_cast<int>(b[o[14]]),
+          static_cast<int>(b[o[15]]));
+      if constexpr (std::is_same_v<Sample, uint32_t>) {
+        return _mm512_cvtepu32_ps(v);  // one rounding, unsigned
+      } else {
+        return _mm512_cvtepi32_ps(v);
+      }
+    }
+  }
+};
+
+template <>
+struct Ops512<double> {
+  using Coord = double;
+  static constexpr int lanes = 8;
+  using V = __m512d;
+  using Mask = __mmask8;
+  using Index = __m256i;
+
+  static V load(const double* p) { return _mm512_loadu_pd(p); }
+  static void store(double* p, V v) { _mm512_storeu_pd(p, v); }
+  static V set1(double c) { return _mm512_set1_pd(c); }
+  static V add(V a, V b) { return _mm512_add_pd(a, b); }
+  static V sub(V a, V b) { return _mm512_sub_pd(a, b); }
+  static V mul(V a, V b) { return _mm512_mul_pd(a, b); }
+  static V fma(V a, V b, V c) { return _mm512_fmadd_pd(a, b, c); }
+  static V neg(V a) {
+    return _mm512_castsi512_pd(
+        _mm512_xor_si512(_mm512_castpd_si512(a), _mm512_set1_epi64(INT64_MIN)));
+  }
+  static V floor(V a) { return _mm512_roundscale_pd(a, _MM_FROUND_TO_NEG_INF | _MM_FROUND_NO_EXC); }
+  static V ceil(V a) { return _mm512_roundscale_pd(a, _MM_FROUND_TO_POS_INF | _MM_FROUND_NO_EXC); }
+  static V round_even(V a) {
+    return _mm512_roundscale_pd(a, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+  }
+  static Mask gt(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_GT_OQ); }
+  static Mask or_(Mask a, Mask b) { return static_cast<Mask>(a | b); }
+  static V select(Mask m, V yes, V no) { return _mm512_mask_blend_pd(m, no, yes); }
+  // As Ops128<double>: INT32_MIN only for lanes outside the grid or NaN.
+  static Index to_index(V a) { return _mm512_cvttpd_epi32(a); }
+  static Index clamp(Index i, int32_t hi) {
+    return _mm256_max_epi32(_mm256_min_epi32(i, _mm256_set1_epi32(hi)), _mm256_setzero_si256());
+  }
+  static V to_coord(Index i) { return _mm512_cvtepi32_pd(i); }
+  static void store_index(int32_t* p, Index i) {
+    _mm256_store_si256(reinterpret_cast<__m256i*>(p), i);
+  }
+  template <class Sample>
+  static V gather(const Sample* b, const int64_t* o) {
+    static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
+    return _mm512_setr_pd(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]]);
+  }
+};
+
+}  // namespace QZ_TARGET_NS
+}  // namespace qzinterp3d
