@@ -1,0 +1,241 @@
+// Throughput of the sixteen pipelines, called through the shared library's
+// public entries, over methods x sample types x workloads x volume sizes x
+// thread counts, plus the streaming bound (Vq = Xq + Yq + Zq) over the same
+// number of points.
+//
+// Names:  interp3_<method>_<type>/<workload>/n:<n>/threads:<t>
+//         stream/<coordinate type>/points:<count>/threads:<t>
+// Without --benchmark_filter a quick subset runs (kQuickFilter below);
+// --benchmark_filter=all runs the whole matrix, any other regex a part of it.
+//
+// items_per_second is query points per second. bytes_per_second counts the
+// least traffic a point needs (three coordinates read, one result written),
+// comparable with the stream rows. The kernel set is whatever the library
+// picks: QZINTERP3D_KERNEL=<name> forces one (read once per process), and the
+// context and each label say which was asked for ("auto" when none was).
+#include <benchmark/benchmark.h>
+
+#include <HalideRuntime.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qzinterp3d_halide.h"
+#include "stream_bound.h"
+#include "workloads.h"
+
+namespace qzbench {
+namespace {
+
+constexpr const char* kQuickFilter =
+    "^interp3_(bilinear|nearest)_float32/(oblique|random)/n:(64|512)/"
+    "|^interp3_bilinear_uint8/oblique/n:256/"
+    "|^stream/float32/";
+
+using Entry = int (*)(halide_buffer_t*, halide_buffer_t*, halide_buffer_t*, halide_buffer_t*,
+                      double, halide_buffer_t*);
+
+std::string kernel_label() {
+  const char* k = std::getenv("QZINTERP3D_KERNEL");
+  return (k != nullptr && *k != '\0') ? std::string(k) : std::string("auto");
+}
+
+int all_threads() {
+  if (const char* s = std::getenv("HL_NUM_THREADS")) {
+    const int n = std::atoi(s);
+    if (n > 0) return n;
+  }
+  const unsigned n = std::thread::hardware_concurrency();
+  return n > 0 ? static_cast<int>(n) : 1;
+}
+
+template <class T>
+halide_type_t type_of() {
+  if constexpr (std::is_same_v<T, float>) return {halide_type_float, 32, 1};
+  if constexpr (std::is_same_v<T, double>) return {halide_type_float, 64, 1};
+  constexpr auto bits = static_cast<uint8_t>(8 * sizeof(T));
+  if constexpr (std::is_signed_v<T>) return {halide_type_int, bits, 1};
+  return {halide_type_uint, bits, 1};
+}
+
+// A dense buffer descriptor over caller-owned memory.
+struct Buffer {
+  halide_dimension_t dim[3];
+  halide_buffer_t buf;
+  template <class T>
+  Buffer(T* host, int dims, const int* extents) : dim{}, buf{} {
+    int stride = 1;
+    for (int d = 0; d < dims; ++d) {
+      dim[d] = {0, extents[d], stride, 0};
+      stride *= extents[d];
+    }
+    buf.host = reinterpret_cast<uint8_t*>(host);
+    buf.type = type_of<T>();
+    buf.dimensions = dims;
+    buf.dim = dim;
+  }
+};
+
+// One volume and one set of coordinates are kept at a time; benchmarks are
+// registered so that consecutive ones share them (volume size and sample
+// type outermost, then workload).
+struct VolumeSlot {
+  std::string key;
+  std::shared_ptr<void> data;
+};
+VolumeSlot g_volume;
+
+template <class T>
+T* volume(const char* type_name, int n) {
+  const std::string key = std::string(type_name) + "/" + std::to_string(n);
+  if (g_volume.key != key) {
+    g_volume.data.reset();  // free the old one first: 512^3 float64 is 1 GiB
+    g_volume.data = std::shared_ptr<T[]>(make_volume<T>(n).release(), std::default_delete<T[]>());
+    g_volume.key = key;
+  }
+  return static_cast<T*>(g_volume.data.get());
+}
+
+template <class C>
+const Coords<C>& coords(Workload w, int n) {
+  static std::string key;
+  static Coords<C> c;
+  const std::string k = std::string(workload_name(w)) + "/" + std::to_string(n);
+  if (key != k) {
+    c = make_coords<C>(w, n);
+    key = k;
+  }
+  return c;
+}
+
+// Times `run`, which computes kPoints points into `out` on `threads` threads.
+template <class C, class Run>
+void measure(benchmark::State& state, int threads, C* out, Run run) {
+  halide_set_num_threads(threads);
+  run();  // warm up, start the pool
+  for (auto _ : state) {
+    run();
+    benchmark::DoNotOptimize(out);
+    benchmark::ClobberMemory();
+  }
+  const auto points = static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(kPoints);
+  state.SetItemsProcessed(points);
+  state.SetBytesProcessed(points * static_cast<int64_t>(4 * sizeof(C)));
+  state.counters["threads"] = threads;
+}
+
+template <class T>
+void bm_interp(benchmark::State& state, Entry entry, const char* type_name, Workload w, int n,
+               int threads) {
+  using C = std::conditional_t<std::is_same_v<T, double>, double, float>;
+  T* v = volume<T>(type_name, n);
+  const Coords<C>& c = coords<C>(w, n);
+  std::vector<C> out(kPoints);
+  const int vext[3] = {n, n, n};
+  const int qext[2] = {kCols, kRows};
+  Buffer V(v, 3, vext);
+  Buffer X(const_cast<C*>(c.x.data()), 2, qext);
+  Buffer Y(const_cast<C*>(c.y.data()), 2, qext);
+  Buffer Z(const_cast<C*>(c.z.data()), 2, qext);
+  Buffer Q(out.data(), 2, qext);
+  measure(state, threads, out.data(),
+          [&] { entry(&V.buf, &X.buf, &Y.buf, &Z.buf, 0.0, &Q.buf); });
+  state.SetLabel("kernels=" + kernel_label());
+}
+
+template <class C>
+void bm_stream(benchmark::State& state, int threads) {
+  const Coords<C> c = make_coords<C>(Workload::random, 512);
+  std::vector<C> out(kPoints);
+  measure(state, threads, out.data(), [&] {
+    if constexpr (std::is_same_v<C, double>) {
+      qzbench_stream_float64(c.x.data(), c.y.data(), c.z.data(), out.data(), kRows, kCols);
+    } else {
+      qzbench_stream_float32(c.x.data(), c.y.data(), c.z.data(), out.data(), kRows, kCols);
+    }
+  });
+}
+
+struct TypeEntry {
+  const char* name;
+  Entry nearest;
+  Entry bilinear;
+  void (*run)(benchmark::State&, Entry, const char*, Workload, int, int);
+};
+
+const TypeEntry kTypes[] = {
+    {"float32", interp3_nearest_float32, interp3_bilinear_float32, bm_interp<float>},
+    {"float64", interp3_nearest_float64, interp3_bilinear_float64, bm_interp<double>},
+    {"int8", interp3_nearest_int8, interp3_bilinear_int8, bm_interp<int8_t>},
+    {"uint8", interp3_nearest_uint8, interp3_bilinear_uint8, bm_interp<uint8_t>},
+    {"int16", interp3_nearest_int16, interp3_bilinear_int16, bm_interp<int16_t>},
+    {"uint16", interp3_nearest_uint16, interp3_bilinear_uint16, bm_interp<uint16_t>},
+    {"int32", interp3_nearest_int32, interp3_bilinear_int32, bm_interp<int32_t>},
+    {"uint32", interp3_nearest_uint32, interp3_bilinear_uint32, bm_interp<uint32_t>},
+};
+
+void register_all() {
+  std::vector<int> thread_counts{1};
+  if (all_threads() > 1) thread_counts.push_back(all_threads());
+
+  for (int t : thread_counts) {
+    const std::string suffix = "/points:" + std::to_string(kPoints) + "/threads:" + std::to_string(t);
+    benchmark::RegisterBenchmark(("stream/float32" + suffix).c_str(), bm_stream<float>, t)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+    benchmark::RegisterBenchmark(("stream/float64" + suffix).c_str(), bm_stream<double>, t)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
+  }
+
+  const int sizes[] = {64, 128, 256, 512};
+  const Workload workloads[] = {Workload::oblique, Workload::upsample, Workload::random};
+  for (int n : sizes) {
+    for (const TypeEntry& type : kTypes) {
+      for (Workload w : workloads) {
+        for (int method = 0; method < 2; ++method) {
+          const Entry entry = method == 0 ? type.bilinear : type.nearest;
+          const std::string base = std::string("interp3_") + (method == 0 ? "bilinear_" : "nearest_") +
+                                   type.name + "/" + workload_name(w) + "/n:" + std::to_string(n);
+          for (int t : thread_counts) {
+            benchmark::RegisterBenchmark((base + "/threads:" + std::to_string(t)).c_str(), type.run,
+                                         entry, type.name, w, n, t)
+                ->UseRealTime()
+                ->Unit(benchmark::kMillisecond);
+          }
+        }
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qzbench
+
+int main(int argc, char** argv) {
+  // Without a filter of the caller's, run the quick subset.
+  bool has_filter = false;
+  for (int i = 1; i < argc; ++i) {
+    if (std::strncmp(argv[i], "--benchmark_filter", 18) == 0) has_filter = true;
+  }
+  std::vector<char*> args(argv, argv + argc);
+  std::string quick = std::string("--benchmark_filter=") + qzbench::kQuickFilter;
+  if (!has_filter) args.insert(args.begin() + 1, quick.data());
+  int count = static_cast<int>(args.size());
+  args.push_back(nullptr);
+
+  benchmark::Initialize(&count, args.data());
+  if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
+  benchmark::AddCustomContext("qz_kernel_set", qzbench::kernel_label());
+  benchmark::AddCustomContext("qz_all_threads", std::to_string(qzbench::all_threads()));
+  benchmark::AddCustomContext("qz_filter", has_filter ? "caller's" : "quick default subset");
+  qzbench::register_all();
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
