@@ -1,0 +1,588 @@
+#!/usr/bin/python3
+"""Interleaved speed comparison of libqzinterp3d_halide with its peers.
+
+Runs the same workloads through
+  * ours:  the built libqzinterp3d_halide.so, called through ctypes with
+           halide_buffer_t descriptors (one column per kernel set asked for);
+  * torch: torch.nn.functional.grid_sample (align_corners=True, padding
+           'zeros', input (1, 1, nz, ny, nx), grid (1, 1, H, W, 3));
+  * scipy: scipy.ndimage.map_coordinates (order 0 / 1, mode='constant',
+           prefilter=False; single-threaded whatever the setting);
+  * stream: the streaming bound Vq = Xq + Yq + Zq on the same points, on the
+           same Halide thread pool as ours (libqzbench_stream.so);
+interleaved: every repetition runs each implementation once, in turn (the
+order rotating from one repetition to the next), and each implementation's
+speed is the median over repetitions. Before timing, each workload's results
+are checked against a float64 reference (map_coordinates computing in double),
+on strictly interior points (and, for nearest, away from .5 ties); the run
+fails loudly when any implementation disagrees beyond rounding.
+
+Inputs are prepared once, untimed, in each peer's natural form: 0-based
+float64 coordinates stacked [z, y, x] for scipy, a normalized grid for torch,
+and for torch a float32 copy of integer volumes (grid_sample takes floating
+point input only). Ours and the stream take the 1-based coordinates as they
+are. Run with Debian's interpreter:
+
+    /usr/bin/python3 bench/compare.py [--kernels all] [--quick]
+"""
+
+import argparse
+import ctypes
+import datetime
+import json
+import os
+import platform
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+import numpy as np
+
+REPO = Path(__file__).resolve().parent.parent
+COLS = ROWS = 1024
+POINTS = COLS * ROWS
+FILL = 0.0  # grid_sample pads with zeros, so every implementation fills with 0
+
+# type name -> (sample dtype, coordinate dtype, halide type code, bits)
+TYPES = {
+    "float32": (np.float32, np.float32, 2, 32),
+    "float64": (np.float64, np.float64, 2, 64),
+    "int8": (np.int8, np.float32, 0, 8),
+    "uint8": (np.uint8, np.float32, 1, 8),
+    "int16": (np.int16, np.float32, 0, 16),
+    "uint16": (np.uint16, np.float32, 1, 16),
+    "int32": (np.int32, np.float32, 0, 32),
+    "uint32": (np.uint32, np.float32, 1, 32),
+}
+
+
+class Case:
+    def __init__(self, workload, n, type_name, method):
+        self.workload, self.n, self.type, self.method = workload, n, type_name, method
+
+    @property
+    def name(self):
+        return f"{self.workload} {self.n}^3 {self.type} {self.method}"
+
+
+def default_cases(quick):
+    if quick:
+        return [Case("oblique", 64, "float32", "bilinear"), Case("oblique", 64, "float32", "nearest"),
+                Case("random", 256, "float32", "bilinear"), Case("oblique", 256, "uint8", "bilinear")]
+    cases = [Case("oblique", 64, t, m) for t in TYPES for m in ("bilinear", "nearest")]
+    cases += [
+        Case("oblique", 256, "uint8", "bilinear"),
+        Case("oblique", 256, "uint8", "nearest"),
+        Case("oblique", 256, "float32", "bilinear"),
+        Case("upsample", 128, "float32", "bilinear"),
+        Case("upsample", 128, "float32", "nearest"),
+        Case("random", 256, "float32", "bilinear"),
+        Case("random", 256, "float32", "nearest"),
+        Case("random", 256, "float64", "bilinear"),
+        Case("oblique", 512, "float32", "bilinear"),
+        Case("random", 512, "float32", "bilinear"),
+        Case("random", 512, "float32", "nearest"),
+    ]
+    return cases
+
+
+# --------------------------------------------------------------------------
+# Workloads (the same points as bench/workloads.h)
+
+
+def splitmix64_uniform(seed, count):
+    """count uniforms in [0, 1) from splitmix64 draws 1..count of seed."""
+    with np.errstate(over="ignore"):
+        k = np.arange(1, count + 1, dtype=np.uint64)
+        z = np.uint64(seed) + k * np.uint64(0x9E3779B97F4A7C15)
+        z = (z ^ (z >> np.uint64(30))) * np.uint64(0xBF58476D1CE4E5B9)
+        z = (z ^ (z >> np.uint64(27))) * np.uint64(0x94D049BB133111EB)
+        z = z ^ (z >> np.uint64(31))
+    return (z >> np.uint64(11)).astype(np.float64) * 2.0**-53
+
+
+def make_coords(workload, n, ct):
+    """1-based query coordinates X, Y, Z as (ROWS, COLS) arrays of dtype ct."""
+    centre = (n + 1) / 2.0
+    if workload == "oblique":
+        u = np.array([1.0, 0.5, 0.25])
+        u /= np.sqrt(u @ u)
+        v = np.array([-0.4, 1.0, 0.6])
+        v -= (u @ v) * u
+        v /= np.sqrt(v @ v)
+        side = 0.7 * (n - 1)
+        a = ((np.arange(COLS) + 0.5) / COLS - 0.5) * side
+        b = ((np.arange(ROWS) + 0.5) / ROWS - 0.5) * side
+        xyz = [centre + a[None, :] * u[k] + b[:, None] * v[k] for k in range(3)]
+    elif workload == "upsample":
+        f, bx, by, bz = 4, 32, 32, 16
+        ix = (np.arange(bx * f) + 0.5) / f
+        iy = (np.arange(by * f) + 0.5) / f
+        iz = (np.arange(bz * f) + 0.5) / f
+        shape = (bz * f, by * f, bx * f)
+        xyz = [np.broadcast_to((centre - bx // 2 + ix)[None, None, :], shape),
+               np.broadcast_to((centre - by // 2 + iy)[None, :, None], shape),
+               np.broadcast_to((centre - bz // 2 + iz)[:, None, None], shape)]
+        xyz = [q.reshape(ROWS, COLS) for q in xyz]
+    elif workload == "random":
+        r = splitmix64_uniform(0x5EED0000 + n, 3 * POINTS).reshape(ROWS, COLS, 3)
+        xyz = [1.0 + (n - 1) * r[:, :, k] for k in range(3)]
+    else:
+        raise ValueError(workload)
+    return [np.ascontiguousarray(q.astype(ct)) for q in xyz]
+
+
+def make_volume(type_name, n, seed=12345):
+    """Shape (nz, ny, nx), x fastest: floats in [0, 1), integers over the whole range."""
+    dt = TYPES[type_name][0]
+    rng = np.random.default_rng(seed + n)
+    if np.issubdtype(dt, np.floating):
+        return rng.random((n, n, n), dtype=dt)
+    info = np.iinfo(dt)
+    return rng.integers(info.min, info.max, size=(n, n, n), dtype=dt, endpoint=True)
+
+
+# --------------------------------------------------------------------------
+# Our library through ctypes
+
+
+class HalideDimension(ctypes.Structure):
+    _fields_ = [("min", ctypes.c_int32), ("extent", ctypes.c_int32),
+                ("stride", ctypes.c_int32), ("flags", ctypes.c_uint32)]
+
+
+class HalideType(ctypes.Structure):
+    _fields_ = [("code", ctypes.c_uint8), ("bits", ctypes.c_uint8), ("lanes", ctypes.c_uint16)]
+
+
+class HalideBuffer(ctypes.Structure):
+    _fields_ = [("device", ctypes.c_uint64), ("device_interface", ctypes.c_void_p),
+                ("host", ctypes.c_void_p), ("flags", ctypes.c_uint64), ("type", HalideType),
+                ("dimensions", ctypes.c_int32), ("dim", ctypes.POINTER(HalideDimension)),
+                ("padding", ctypes.c_void_p)]
+
+
+def halide_buffer(array, code, bits):
+    """A descriptor over a C-contiguous numpy array; dim 0 is the last numpy axis."""
+    assert array.flags.c_contiguous
+    dims = (HalideDimension * array.ndim)()
+    stride = 1
+    for d, extent in enumerate(reversed(array.shape)):
+        dims[d] = HalideDimension(0, extent, stride, 0)
+        stride *= extent
+    buf = HalideBuffer()
+    buf.host = array.ctypes.data
+    buf.type = HalideType(code, bits, 1)
+    buf.dimensions = array.ndim
+    buf.dim = dims
+    buf._keep = (array, dims)  # keep the memory alive with the descriptor
+    return buf
+
+
+def bind_entries(lib):
+    for method in ("bilinear", "nearest"):
+        for t in TYPES:
+            f = getattr(lib, f"interp3_{method}_{t}")
+            f.argtypes = [ctypes.POINTER(HalideBuffer)] * 4 + [ctypes.c_double,
+                                                               ctypes.POINTER(HalideBuffer)]
+            f.restype = ctypes.c_int
+    return lib
+
+
+class Library:
+    """One loaded copy of the library with its kernel set fixed.
+
+    The library reads QZINTERP3D_KERNEL once, at its first parallel call. Each
+    kernel set gets its own copy of the .so (a separate file, hence a separate
+    instance with its own choice), loaded with the variable set and locked in
+    by a first call; all copies share the one Halide runtime and its pool.
+    """
+
+    def __init__(self, path, kernel, tmpdir):
+        copy = Path(tmpdir) / f"libqzinterp3d_halide-{kernel}.so"
+        shutil.copy2(path, copy)
+        saved = os.environ.get("QZINTERP3D_KERNEL")
+        if kernel == "auto":
+            os.environ.pop("QZINTERP3D_KERNEL", None)
+        else:
+            os.environ["QZINTERP3D_KERNEL"] = kernel
+        try:
+            self.lib = bind_entries(ctypes.CDLL(str(copy)))
+            v = np.zeros((8, 8, 8), np.float32)  # nx = 8 > 4: the parallel path
+            q = np.full((4, 4), 2.0, np.float32)
+            out = np.empty((4, 4), np.float32)
+            bufs = [halide_buffer(a, 2, 32) for a in (v, q, q, q, out)]
+            self.lib.interp3_nearest_float32(*map(ctypes.byref, bufs[:4]), 0.0, ctypes.byref(bufs[4]))
+        finally:
+            if saved is None:
+                os.environ.pop("QZINTERP3D_KERNEL", None)
+            else:
+                os.environ["QZINTERP3D_KERNEL"] = saved
+        self.kernel = kernel
+
+    def caller(self, case, V, X, Y, Z):
+        _, ct, code, bits = TYPES[case.type]
+        out = np.empty((ROWS, COLS), ct)
+        cbits = 64 if ct == np.float64 else 32
+        bv = halide_buffer(V, code, bits)
+        bx, by, bz, bo = (halide_buffer(a, 2, cbits) for a in (X, Y, Z, out))
+        refs = [ctypes.byref(b) for b in (bv, bx, by, bz)]
+        ro = ctypes.byref(bo)
+        f = getattr(self.lib, f"interp3_{case.method}_{case.type}")
+
+        def call():
+            f(*refs, FILL, ro)
+            return out
+
+        call._keep = (bv, bx, by, bz, bo)
+        return call
+
+
+def resolve_kernel(probe, name):
+    env = dict(os.environ)
+    env.pop("QZINTERP3D_KERNEL", None)
+    if name != "auto":
+        env["QZINTERP3D_KERNEL"] = name
+    return subprocess.run([str(probe)], env=env, check=True, capture_output=True,
+                          text=True).stdout.strip()
+
+
+# --------------------------------------------------------------------------
+# Agreement check
+
+
+def check_case(case, V, X, Y, Z, outputs, scipy_ndimage):
+    """Max differences against a float64 reference on interior points.
+
+    Returns (rows of results, list of failures). Tolerances:
+      nearest   exact (the reference sample rounded to the output type), on
+                points whose every coordinate is at least 1e-3 from a .5 tie;
+      trilinear |d| <= 16 eps max|V| for implementations fed our coordinates
+                (ours, scipy), where eps is the output type's epsilon; torch's
+                normalized float32 grid moves a point by up to about 4 n eps
+                voxels, so it is also allowed 3 * 4 n eps * (max V - min V).
+    """
+    _, ct, _, _ = TYPES[case.type]
+    n = case.n
+    order = 0 if case.method == "nearest" else 1
+    q = [np.asarray(a, np.float64) for a in (X, Y, Z)]
+    margin = 1e-3
+    mask = np.ones(q[0].shape, bool)
+    for a in q:
+        mask &= (a > 1 + margin) & (a < n - margin)
+        if order == 0:
+            frac = (a - 1) - np.floor(a - 1)
+            mask &= np.abs(frac - 0.5) > margin
+    coords = np.stack([q[2][mask] - 1, q[1][mask] - 1, q[0][mask] - 1])
+    ref = scipy_ndimage.map_coordinates(V, coords, output=np.float64, order=order,
+                                        mode="constant", cval=FILL, prefilter=False)
+    eps = float(np.finfo(ct).eps)
+    vmax = float(np.max(np.abs(V)))
+    vrange = float(V.max()) - float(V.min())
+    results, failures = [], []
+    for impl, out in outputs.items():
+        got = np.asarray(out, np.float64).reshape(ROWS, COLS)[mask]
+        if order == 0:
+            diff = float(np.max(np.abs(got - ref.astype(ct).astype(np.float64)))) if got.size else 0.0
+            tol = 0.0
+        else:
+            diff = float(np.max(np.abs(got - ref))) if got.size else 0.0
+            tol = 16 * eps * vmax
+            if impl == "torch":
+                tol += 3 * 4 * n * eps * vrange
+        ok = diff <= tol and np.all(np.isfinite(got))
+        results.append((impl, diff, tol, ok))
+        if not ok:
+            failures.append(f"{case.name}: {impl} differs from the float64 reference by {diff:.3g} "
+                            f"(tolerance {tol:.3g}) on {int(mask.sum())} interior points")
+    return int(mask.sum()), results, failures
+
+
+# --------------------------------------------------------------------------
+# Timing
+
+
+def calibrate(fn, target):
+    """Calls per sample so that a sample takes about `target` seconds."""
+    t0 = time.perf_counter()
+    fn()
+    dt = time.perf_counter() - t0
+    return max(1, int(round(target / max(dt, 1e-6))))
+
+
+def time_sample(fn, k):
+    c0, t0 = time.process_time(), time.perf_counter()
+    for _ in range(k):
+        fn()
+    t1, c1 = time.perf_counter(), time.process_time()
+    return (t1 - t0) / k, (c1 - c0) / max(t1 - t0, 1e-9)
+
+
+def machine_info():
+    model = "?"
+    flags = set()
+    try:
+        for line in open("/proc/cpuinfo"):
+            if line.startswith("model name") and model == "?":
+                model = line.split(":", 1)[1].strip()
+            if line.startswith("flags") and not flags:
+                flags = set(line.split(":", 1)[1].split())
+    except OSError:
+        pass
+    simd = [f for f in ("sse4_1", "avx", "fma", "avx2", "avx512f", "avx512bw", "avx512vl") if f in flags]
+    return model, simd
+
+
+def git_state():
+    try:
+        rev = subprocess.run(["git", "-C", str(REPO), "rev-parse", "--short", "HEAD"], check=True,
+                             capture_output=True, text=True).stdout.strip()
+        dirty = subprocess.run(["git", "-C", str(REPO), "status", "--porcelain", "--untracked-files=no"],
+                               check=True, capture_output=True, text=True).stdout.strip()
+        return rev + (" (with uncommitted changes)" if dirty else "")
+    except (OSError, subprocess.CalledProcessError):
+        return "?"
+
+
+def fmt_rate(x):
+    return f"{x:.1f}" if x < 100 else f"{x:.0f}"
+
+
+def main():
+    ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    ap.add_argument("--build", default=str(REPO / "build-bench"), help="build directory (default build-bench)")
+    ap.add_argument("--kernels", default="auto",
+                    help="comma list of kernel sets for ours, 'auto' = the library's own choice, "
+                         "'all' = auto then every other set this CPU supports (default auto)")
+    ap.add_argument("--threads", default=None, help="comma list of thread counts (default 1,<cpus>)")
+    ap.add_argument("--reps", type=int, default=7, help="interleaved repetitions (default 7)")
+    ap.add_argument("--sample-time", type=float, default=0.04,
+                    help="seconds per timed sample, calls repeated to reach it (default 0.04)")
+    ap.add_argument("--quick", action="store_true", help="four workloads only")
+    ap.add_argument("--filter", default=None, help="regex on the workload names")
+    ap.add_argument("--no-torch", action="store_true")
+    ap.add_argument("--no-scipy", action="store_true")
+    ap.add_argument("--json", default=None, help="also write the raw results here")
+    args = ap.parse_args()
+
+    build = Path(args.build)
+    lib_path = build / "libqzinterp3d_halide.so"
+    stream_path = build / "bench" / "libqzbench_stream.so"
+    probe = build / "bench" / "qz_kernel_set_name"
+    for p in (lib_path, stream_path, probe):
+        if not p.exists():
+            sys.exit(f"compare.py: {p} is missing; build it first: cmake --build {build} --target qz_bench_all")
+
+    cpus = len(os.sched_getaffinity(0))
+    threads = [int(t) for t in args.threads.split(",")] if args.threads else sorted({1, cpus})
+    # The pool is sized from HL_NUM_THREADS when it starts; fewer threads are
+    # then asked for with halide_set_num_threads.
+    os.environ["HL_NUM_THREADS"] = str(max(threads))
+
+    import scipy
+    import scipy.ndimage as ndi
+    torch = F = None
+    if not args.no_torch:
+        import torch
+        import torch.nn.functional as F
+
+    supported = [line.split()[0] for line in
+                 subprocess.run([str(probe), "--list"], check=True, capture_output=True,
+                                text=True).stdout.splitlines() if line.endswith(" supported")]
+    kernels = args.kernels.split(",")
+    if kernels == ["all"]:
+        auto = resolve_kernel(probe, "auto")
+        kernels = ["auto"] + [k for k in reversed(supported) if k != auto]
+    resolved = {k: resolve_kernel(probe, k) for k in kernels}
+    labels = {k: (f"auto={resolved[k]}" if k == "auto" else resolved[k]) for k in kernels}
+    for k in kernels:
+        if k != "auto" and resolved[k] != k:
+            sys.exit(f"compare.py: kernel set {k!r} is not available here (the library would use "
+                     f"{resolved[k]!r}); available: {', '.join(supported)}")
+
+    tmpdir = tempfile.mkdtemp(prefix="qzbench-")
+    try:
+        libs = {k: Library(lib_path, k, tmpdir) for k in kernels}
+    finally:
+        shutil.rmtree(tmpdir, ignore_errors=True)  # the loaded copies stay mapped
+    runtime = libs[kernels[0]].lib  # its dependency, the shared Halide runtime, has the pool
+    runtime.halide_set_num_threads.argtypes = [ctypes.c_int]
+    stream = ctypes.CDLL(str(stream_path))
+    for name in ("qzbench_stream_float32", "qzbench_stream_float64"):
+        getattr(stream, name).argtypes = [ctypes.c_void_p] * 4 + [ctypes.c_int, ctypes.c_int]
+
+    cases = default_cases(args.quick)
+    if args.filter:
+        cases = [c for c in cases if re.search(args.filter, c.name)]
+    model, simd = machine_info()
+    load_before = open("/proc/loadavg").read().split()[:3]
+
+    print(f"# compare.py  {datetime.datetime.now().isoformat(timespec='seconds')}")
+    print(f"# git {git_state()}; library {lib_path}")
+    print(f"# ours: kernel sets {', '.join(labels[k] for k in kernels)} "
+          f"(supported here: {', '.join(supported)})")
+    print(f"# cpu {model}; simd {' '.join(simd)}; cpus usable {cpus} (nproc {os.cpu_count()}); "
+          f"threads {threads}; HL_NUM_THREADS={os.environ['HL_NUM_THREADS']}")
+    print(f"# python {platform.python_version()}, numpy {np.__version__}, scipy {scipy.__version__}"
+          + (f", torch {torch.__version__}" if torch else ""))
+    print(f"# reps {args.reps}, sample >= {args.sample_time}s; loadavg before {' '.join(load_before)}")
+    sys.stdout.flush()
+
+    impl_names = [f"ours[{labels[k]}]" for k in kernels]
+    if torch:
+        impl_names.append("torch")
+    if not args.no_scipy:
+        impl_names.append("scipy")
+    impl_names.append("stream")
+
+    results = []   # dicts, one per (case, threads)
+    checks = []    # (case, points checked, [(impl, diff, tol, ok)])
+    failures = []
+    # Cases that share a volume run together; results print in the listed order.
+    order = sorted(range(len(cases)), key=lambda i: (cases[i].n, cases[i].type))
+    volume_key, V, Vt = None, None, None
+    for idx in order:
+        case = cases[idx]
+        sdt, ct, _, _ = TYPES[case.type]
+        if volume_key != (case.type, case.n):
+            V = Vt = None
+            V = make_volume(case.type, case.n)
+            volume_key = (case.type, case.n)
+            if torch:
+                vf = V if np.issubdtype(V.dtype, np.floating) else V.astype(np.float32)
+                Vt = torch.from_numpy(vf).view(1, 1, *V.shape)
+        X, Y, Z = make_coords(case.workload, case.n, ct)
+
+        fns = {}
+        for k, name in zip(kernels, impl_names):
+            fns[name] = libs[k].caller(case, V, X, Y, Z)
+        if torch:
+            n = case.n
+            grid = np.stack([(a.astype(np.float64) - 1) / (n - 1) * 2 - 1 for a in (X, Y, Z)], axis=-1)
+            gt = torch.from_numpy(grid.astype(ct))
+            gt = gt.view(1, 1, ROWS, COLS, 3)
+            mode = "nearest" if case.method == "nearest" else "bilinear"
+
+            def torch_call(Vt=Vt, gt=gt, mode=mode):
+                with torch.inference_mode():
+                    return F.grid_sample(Vt, gt, mode=mode, padding_mode="zeros", align_corners=True)
+
+            fns["torch"] = torch_call
+        if not args.no_scipy:
+            sc = np.stack([Z.astype(np.float64) - 1, Y.astype(np.float64) - 1, X.astype(np.float64) - 1])
+            sout = np.empty((ROWS, COLS), ct)
+            order_ = 0 if case.method == "nearest" else 1
+
+            def scipy_call(V=V, sc=sc, sout=sout, order_=order_):
+                ndi.map_coordinates(V, sc, output=sout, order=order_, mode="constant", cval=FILL,
+                                    prefilter=False)
+                return sout
+
+            fns["scipy"] = scipy_call
+        sout_stream = np.empty((ROWS, COLS), ct)
+        sfn = stream.qzbench_stream_float64 if ct == np.float64 else stream.qzbench_stream_float32
+
+        def stream_call(sfn=sfn, X=X, Y=Y, Z=Z, o=sout_stream):
+            sfn(X.ctypes.data, Y.ctypes.data, Z.ctypes.data, o.ctypes.data, ROWS, COLS)
+            return o
+
+        fns["stream"] = stream_call
+
+        bits_by_threads = {}
+        for t in threads:
+            runtime.halide_set_num_threads(t)
+            if torch:
+                torch.set_num_threads(t)
+            # Warm-up call of each, whose results are checked.
+            outputs = {name: np.array(fn()).reshape(ROWS, COLS) for name, fn in fns.items() if name != "stream"}
+            ours_first = outputs[impl_names[0]]
+            for name in impl_names[1:len(kernels)]:
+                if not np.array_equal(outputs[name].view(np.uint8), ours_first.view(np.uint8)):
+                    failures.append(f"{case.name}: kernel sets give different bits ({name} vs {impl_names[0]})")
+            bits_by_threads[t] = ours_first.tobytes()
+            if t == threads[0]:
+                npts, res, fails = check_case(case, V, X, Y, Z, outputs, ndi)
+                checks.append((idx, npts, res))
+                failures += fails
+            elif bits_by_threads[t] != bits_by_threads[threads[0]]:
+                failures.append(f"{case.name}: ours gives different bits at {t} threads")
+            if failures:
+                for f in failures:
+                    print("DISAGREEMENT: " + f, file=sys.stderr)
+                sys.exit("compare.py: implementations disagree beyond rounding; no timings reported")
+            del outputs
+
+            reps = {name: calibrate(fn, args.sample_time) for name, fn in fns.items()}
+            samples = {name: [] for name in fns}
+            util = {name: [] for name in fns}
+            names = list(fns)
+            for r in range(args.reps):
+                rot = names[r % len(names):] + names[:r % len(names)]
+                for name in rot:
+                    dt, u = time_sample(fns[name], reps[name])
+                    samples[name].append(dt)
+                    util[name].append(u)
+            med = {name: statistics.median(s) for name, s in samples.items()}
+            results.append({
+                "case": idx, "name": case.name, "workload": case.workload, "n": case.n,
+                "type": case.type, "method": case.method, "threads": t,
+                "mpts": {name: POINTS / med[name] / 1e6 for name in fns},
+                "cpu_per_wall": {name: statistics.median(util[name]) for name in fns},
+                "spread": {name: (max(s) - min(s)) / med[name] for name, s in samples.items()},
+            })
+            print(f"# done {case.name} threads={t}", file=sys.stderr)
+        del fns
+
+    load_after = open("/proc/loadavg").read().split()[:3]
+    primary = impl_names[0]
+    print(f"# loadavg after {' '.join(load_after)}")
+    print()
+    print("Million query points per second (median of interleaved repetitions; higher is better).")
+    print(f"Ratios use {primary}. scipy is single-threaded at every setting. 'cpu/wall' is the "
+          "process CPU time over wall time while ours, torch ran (threads actually busy).")
+    print()
+    head = ["workload", "thr"] + impl_names + [f"ours/torch" if torch else None,
+                                                "ours/scipy" if not args.no_scipy else None,
+                                                "ours/stream", "cpu/wall ours,torch" if torch else "cpu/wall ours"]
+    head = [h for h in head if h]
+    print("| " + " | ".join(head) + " |")
+    print("|" + "|".join(["---"] + ["--:"] * (len(head) - 1)) + "|")
+    for r in sorted(results, key=lambda r: (r["case"], r["threads"])):
+        m = r["mpts"]
+        row = [r["name"], str(r["threads"])] + [fmt_rate(m[name]) for name in impl_names]
+        if torch:
+            row.append(f"{m[primary] / m['torch']:.2f}")
+        if not args.no_scipy:
+            row.append(f"{m[primary] / m['scipy']:.2f}")
+        row.append(f"{m[primary] / m['stream']:.3f}")
+        cw = r["cpu_per_wall"]
+        row.append(f"{cw[primary]:.2f}" + (f",{cw['torch']:.2f}" if torch else ""))
+        print("| " + " | ".join(row) + " |")
+    print()
+    print("Agreement with a float64 reference (map_coordinates in double) on interior points, "
+          "max |difference|; nearest must be exact, trilinear within the tolerance shown "
+          "(16 eps max|V|, plus torch's coordinate rounding). Ours also gives the same bits at "
+          "every thread count" + (" and with every kernel set." if len(kernels) > 1 else "."))
+    print()
+    impls_checked = [n for n in impl_names if n != "stream"]
+    print("| workload | points | " + " | ".join(impls_checked) + " | tolerance (ours / torch) |")
+    print("|---|--:|" + "--:|" * len(impls_checked) + "--:|")
+    for idx, npts, res in sorted(checks, key=lambda c: c[0]):
+        d = {impl: (diff, tol) for impl, diff, tol, ok in res}
+        tols = f"{d[impl_names[0]][1]:.2g}" + (f" / {d['torch'][1]:.2g}" if "torch" in d else "")
+        print(f"| {cases[idx].name} | {npts} | " + " | ".join(f"{d[i][0]:.3g}" for i in impls_checked)
+              + f" | {tols} |")
+    if args.json:
+        with open(args.json, "w") as f:
+            json.dump({"kernels": labels, "threads": threads, "cpu": model, "results": results,
+                       "load_before": load_before, "load_after": load_after}, f, indent=1)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
