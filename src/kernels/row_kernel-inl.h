@@ -12,13 +12,27 @@
 //     clamp to the same value as the model's conversion), clamp(i, n - 1),
 //   to_coord (int32 to C, rounded to nearest), store_index;
 //   gather<Sample>(base, offsets): one scalar read per lane, converted.
+// Optionally (has_offset_vectors), 32-bit offset arithmetic in vector lanes:
+//   add_index, mul_index(i, scalar), set1_index and
+//   gather_offsets<Sample>(base, Index offsets), used when every offset of
+//   the grid fits in 31 bits (offsets_fit_in_32_bits), where 32-bit
+//   arithmetic gives the same offsets as 64-bit arithmetic.
+// Optionally (has_x_pair_gather), gather_x_pairs<Sample>(base, offsets, p,
+//   first, second): the samples at offsets and offsets + 1 of each lane,
+//   where p is the lane's x index (0 <= p <= nx - 2), so both lie in the row.
 
 #include "kernels/blend.h"  // blend formulas for this target
 
 namespace qzinterp3d {
 namespace QZ_TARGET_NS {
 
-template <class Ops, class Sample>
+template <class Ops>
+concept HasOffsetVectors = Ops::has_offset_vectors;
+
+template <class Ops>
+concept HasXPairGather = Ops::has_x_pair_gather;
+
+template <class Ops, class Sample, bool OffsetVectors>
 struct GroupKernel {
   using C = typename Ops::Coord;
   using V = typename Ops::V;
@@ -42,16 +56,35 @@ struct GroupKernel {
     const Mask out_of_range =
         outside(one, xq, dx, Ops::set1(g.bound_x), yq, dy, Ops::set1(g.bound_y), zq, dz,
                 Ops::set1(g.bound_z));
-    alignas(64) int32_t ix[N], iy[N], iz[N];
-    Ops::store_index(ix, Ops::clamp(Ops::to_index(Ops::round_even(dx)), last_index(g.nx)));
-    Ops::store_index(iy, Ops::clamp(Ops::to_index(Ops::round_even(dy)), last_index(g.ny)));
-    Ops::store_index(iz, Ops::clamp(Ops::to_index(Ops::round_even(dz)), last_index(g.nz)));
-    alignas(64) int64_t offset[N];
-    for (int l = 0; l < N; ++l) {
-      offset[l] = -g.origin + int64_t{iy[l]} * g.stride1 + int64_t{iz[l]} * g.stride2 +
-                  int64_t{static_cast<uint32_t>(ix[l])};
+    const Index ix = Ops::clamp(Ops::to_index(Ops::round_even(dx)), last_index(g.nx));
+    const Index iy = Ops::clamp(Ops::to_index(Ops::round_even(dy)), last_index(g.ny));
+    const Index iz = Ops::clamp(Ops::to_index(Ops::round_even(dz)), last_index(g.nz));
+    V value;
+    if constexpr (OffsetVectors) {
+      const Index yz = Ops::add_index(Ops::mul_index(iy, g.stride1), Ops::mul_index(iz, g.stride2));
+      const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
+      if constexpr (HasXPairGather<Ops> && sizeof(Sample) < 4) {
+        // Narrow samples come in pairs (see trilinear): read at
+        // p = min(ix, nx - 2) and keep the one at ix.
+        const Index p = Ops::min_index(ix, last_index(g.nx) - 1);
+        V first, second;
+        Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
+        value = Ops::select_by_index_mask(Ops::index_gt(ix, p), second, first);
+      } else {
+        value = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
+      }
+    } else {
+      alignas(64) int32_t x[N], y[N], z[N];
+      Ops::store_index(x, ix);
+      Ops::store_index(y, iy);
+      Ops::store_index(z, iz);
+      alignas(64) int64_t offset[N];
+      for (int l = 0; l < N; ++l) {
+        offset[l] = -g.origin + int64_t{y[l]} * g.stride1 + int64_t{z[l]} * g.stride2 +
+                    int64_t{static_cast<uint32_t>(x[l])};
+      }
+      value = Ops::template gather<Sample>(g.host, offset);
     }
-    const V value = Ops::template gather<Sample>(g.host, offset);
     Ops::store(out, Ops::select(out_of_range, Ops::set1(g.fill), value));
   }
 
@@ -80,50 +113,118 @@ struct GroupKernel {
     const V wyl = Ops::sub(two, ty), wyu = Ops::sub(ty, one);
     const V wzl = Ops::sub(two, tz);
 
-    alignas(64) int32_t x0[N], x1[N], y0[N], y1[N], z0[N], z1[N];
-    Ops::store_index(x0, ix0);
-    Ops::store_index(x1, ix1);
-    Ops::store_index(y0, iy0);
-    Ops::store_index(y1, iy1);
-    Ops::store_index(z0, iz0);
-    Ops::store_index(z1, iz1);
-    // Corner offsets: the y and z parts are shared by both x corners.
-    alignas(64) int64_t o000[N], o100[N], o010[N], o110[N], o001[N], o101[N], o011[N], o111[N];
-    for (int l = 0; l < N; ++l) {
-      const int64_t ylo = int64_t{y0[l]} * g.stride1, yhi = int64_t{y1[l]} * g.stride1;
-      const int64_t zlo = int64_t{z0[l]} * g.stride2 - g.origin;
-      const int64_t zhi = int64_t{z1[l]} * g.stride2 - g.origin;
-      const int64_t xlo = static_cast<uint32_t>(x0[l]), xhi = static_cast<uint32_t>(x1[l]);
-      o000[l] = ylo + zlo + xlo;
-      o100[l] = ylo + zlo + xhi;
-      o010[l] = yhi + zlo + xlo;
-      o110[l] = yhi + zlo + xhi;
-      o001[l] = ylo + zhi + xlo;
-      o101[l] = ylo + zhi + xhi;
-      o011[l] = yhi + zhi + xlo;
-      o111[l] = yhi + zhi + xhi;
+    V v000, v100, v010, v110, v001, v101, v011, v111;
+    if constexpr (OffsetVectors) {
+      // The y and z parts of the offsets are shared by both x corners.
+      const Index origin = Ops::set1_index(static_cast<int32_t>(-g.origin));
+      const Index ylo = Ops::mul_index(iy0, g.stride1), yhi = Ops::mul_index(iy1, g.stride1);
+      const Index zlo = Ops::add_index(Ops::mul_index(iz0, g.stride2), origin);
+      const Index zhi = Ops::add_index(Ops::mul_index(iz1, g.stride2), origin);
+      const Index r00 = Ops::add_index(ylo, zlo), r10 = Ops::add_index(yhi, zlo);
+      const Index r01 = Ops::add_index(ylo, zhi), r11 = Ops::add_index(yhi, zhi);
+      if constexpr (HasXPairGather<Ops>) {
+        // Both x corners of a row from one read of two adjacent samples at
+        // p = min(ix0, nx - 2): ix0 and ix1 are each p or p + 1 (the
+        // row kernel runs only for nx >= 2), so every read stays in the row.
+        const Index p = Ops::min_index(ix0, last_index(g.nx) - 1);
+        const auto lower_is_second = Ops::index_gt(ix0, p);
+        const auto upper_is_second = Ops::index_gt(ix1, p);
+        auto corners = [&](Index row, V& lower, V& upper) {
+          V first, second;
+          Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
+          lower = Ops::select_by_index_mask(lower_is_second, second, first);
+          upper = Ops::select_by_index_mask(upper_is_second, second, first);
+        };
+        corners(r00, v000, v100);
+        corners(r10, v010, v110);
+        corners(r01, v001, v101);
+        corners(r11, v011, v111);
+      } else {
+      v000 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r00, ix0));
+      v100 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r00, ix1));
+      v010 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r10, ix0));
+      v110 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r10, ix1));
+      v001 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r01, ix0));
+      v101 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r01, ix1));
+      v011 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r11, ix0));
+      v111 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r11, ix1));
+      }
+    } else {
+      alignas(64) int32_t x0[N], x1[N], y0[N], y1[N], z0[N], z1[N];
+      Ops::store_index(x0, ix0);
+      Ops::store_index(x1, ix1);
+      Ops::store_index(y0, iy0);
+      Ops::store_index(y1, iy1);
+      Ops::store_index(z0, iz0);
+      Ops::store_index(z1, iz1);
+      // Corner offsets: the y and z parts are shared by both x corners.
+      alignas(64) int64_t o000[N], o100[N], o010[N], o110[N], o001[N], o101[N], o011[N], o111[N];
+      for (int l = 0; l < N; ++l) {
+        const int64_t ylo = int64_t{y0[l]} * g.stride1, yhi = int64_t{y1[l]} * g.stride1;
+        const int64_t zlo = int64_t{z0[l]} * g.stride2 - g.origin;
+        const int64_t zhi = int64_t{z1[l]} * g.stride2 - g.origin;
+        const int64_t xlo = static_cast<uint32_t>(x0[l]), xhi = static_cast<uint32_t>(x1[l]);
+        o000[l] = ylo + zlo + xlo;
+        o100[l] = ylo + zlo + xhi;
+        o010[l] = yhi + zlo + xlo;
+        o110[l] = yhi + zlo + xhi;
+        o001[l] = ylo + zhi + xlo;
+        o101[l] = ylo + zhi + xhi;
+        o011[l] = yhi + zhi + xlo;
+        o111[l] = yhi + zhi + xhi;
+      }
+      v000 = Ops::template gather<Sample>(g.host, o000);
+      v100 = Ops::template gather<Sample>(g.host, o100);
+      v010 = Ops::template gather<Sample>(g.host, o010);
+      v110 = Ops::template gather<Sample>(g.host, o110);
+      v001 = Ops::template gather<Sample>(g.host, o001);
+      v101 = Ops::template gather<Sample>(g.host, o101);
+      v011 = Ops::template gather<Sample>(g.host, o011);
+      v111 = Ops::template gather<Sample>(g.host, o111);
     }
-    const V r = Trilinear<P, Ops>::eval(
-        Ops::template gather<Sample>(g.host, o000), Ops::template gather<Sample>(g.host, o100),
-        Ops::template gather<Sample>(g.host, o010), Ops::template gather<Sample>(g.host, o110),
-        Ops::template gather<Sample>(g.host, o001), Ops::template gather<Sample>(g.host, o101),
-        Ops::template gather<Sample>(g.host, o011), Ops::template gather<Sample>(g.host, o111),
-        wxl, wxu, wyl, wyu, tz, wzl);
+    const V r = Trilinear<P, Ops>::eval(v000, v100, v010, v110, v001, v101, v011, v111, wxl, wxu,
+                                        wyl, wyu, tz, wzl);
     Ops::store(out, Ops::select(out_of_range, Ops::set1(g.fill), r));
   }
 };
 
 // One group of Ops::lanes columns of a block of the given kind.
-template <class Ops, Method M, class Sample, BlockKind Kind, bool FirstGroup>
+template <class Ops, Method M, class Sample, BlockKind Kind, bool FirstGroup,
+          bool OffsetVectors = false>
 inline void compute_group(const Grid<Sample>& g, const CoordOf<Sample>* xs,
                           const CoordOf<Sample>* ys, const CoordOf<Sample>* zs,
                           CoordOf<Sample>* out) {
+  using Kernel = GroupKernel<Ops, Sample, OffsetVectors>;
   if constexpr (M == Method::nearest) {
-    GroupKernel<Ops, Sample>::nearest(g, xs, ys, zs, out);
+    Kernel::nearest(g, xs, ys, zs, out);
   } else {
-    GroupKernel<Ops, Sample>::template trilinear<blend_plan<Sample>(Kind, FirstGroup)>(g, xs, ys,
-                                                                                      zs, out);
+    Kernel::template trilinear<blend_plan<Sample>(Kind, FirstGroup)>(g, xs, ys, zs, out);
   }
+}
+
+// True when every offset the grid can produce, and every partial sum of one,
+// lies in [-(2^31 - 1), 2^31 - 1], so 32-bit arithmetic is exact.
+template <class Sample>
+inline bool offsets_fit_in_32_bits(const Grid<Sample>& g) {
+  auto span = [](int32_t n, int32_t stride) {
+    const int64_t steps = n > 1 ? int64_t{n} - 1 : 0;
+    return steps * (stride < 0 ? -int64_t{stride} : int64_t{stride});
+  };
+  const int64_t origin = g.origin < 0 ? -g.origin : g.origin;
+  if (origin > INT32_MAX) return false;
+  const int64_t reach = origin + span(g.nx, 1) + span(g.ny, g.stride1) + span(g.nz, g.stride2);
+  return reach <= INT32_MAX;
+}
+
+// Full blocks [c, end) in wide groups.
+template <class Wide, Method M, class Sample, bool OffsetVectors>
+inline int64_t wide_full_groups(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r,
+                                int64_t c, int64_t end) {
+  for (; c + Wide::lanes <= end; c += Wide::lanes) {
+    compute_group<Wide, M, Sample, BlockKind::full, false, OffsetVectors>(
+        g, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
+  }
+  return c;
 }
 
 // A row: its full blocks left to right, then the last block, which spans the
@@ -141,9 +242,11 @@ void row(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r) {
   static_assert(W % Narrow::lanes == 0, "a block is a whole number of narrow groups");
   const int64_t full_columns = int64_t{r.full_blocks} * W;
   int64_t c = 0;
-  for (; c + Wide::lanes <= full_columns; c += Wide::lanes) {
-    compute_group<Wide, M, Sample, BlockKind::full, false>(g, r.xq + c, r.yq + c, r.zq + c,
-                                                           r.vq + c);
+  if constexpr (HasOffsetVectors<Wide>) {
+    c = offsets_fit_in_32_bits(g) ? wide_full_groups<Wide, M, Sample, true>(g, r, c, full_columns)
+                                  : wide_full_groups<Wide, M, Sample, false>(g, r, c, full_columns);
+  } else {
+    c = wide_full_groups<Wide, M, Sample, false>(g, r, c, full_columns);
   }
   for (; c < full_columns; c += Narrow::lanes) {
     compute_group<Narrow, M, Sample, BlockKind::full, false>(g, r.xq + c, r.yq + c, r.zq + c,

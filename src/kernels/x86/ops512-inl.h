@@ -47,8 +47,86 @@ struct Ops512<float> {
   }
   static V to_coord(Index i) { return _mm512_cvtepi32_ps(i); }
   static void store_index(int32_t* p, Index i) { _mm512_store_si512(p, i); }
+
+  static constexpr bool has_offset_vectors = true;
+  static Index add_index(Index a, Index b) { return _mm512_add_epi32(a, b); }
+  static Index mul_index(Index a, int32_t s) { return _mm512_mullo_epi32(a, _mm512_set1_epi32(s)); }
+  static Index set1_index(int32_t v) { return _mm512_set1_epi32(v); }
+  // Hardware gathers: on the CPUs measured they beat scalar loads here (see
+  // the benchmark notes); 8- and 16-bit samples are read as 32-bit words
+  // that stay inside the sample's row and shifted into place.
+  template <class Sample>
+  static V gather_offsets(const Sample* b, Index offsets) {
+    if constexpr (sizeof(Sample) == 4) {
+      return convert_words<Sample>(_mm512_i32gather_epi32(offsets, b, 4));
+    } else {
+      alignas(64) int32_t o[16];
+      _mm512_store_si512(o, offsets);
+      return from_lanes(b, o);
+    }
+  }
+
+  static constexpr bool has_x_pair_gather = true;
+  using IndexMask = __mmask16;
+  static Index min_index(Index a, int32_t hi) { return _mm512_min_epi32(a, _mm512_set1_epi32(hi)); }
+  static IndexMask index_gt(Index a, Index b) { return _mm512_cmpgt_epi32_mask(a, b); }
+  static V select_by_index_mask(IndexMask m, V yes, V no) { return _mm512_mask_blend_ps(m, no, yes); }
+
+  template <class Sample>
+  static void gather_x_pairs(const Sample* b, Index offsets, Index p, V& first, V& second) {
+    if constexpr (sizeof(Sample) == 4) {
+      // Eight 64-bit pairs per gather, then even and odd words apart.
+      const __m512i lanes0to7 = _mm512_i32gather_epi64(_mm512_castsi512_si256(offsets), b, 4);
+      const __m512i lanes8to15 = _mm512_i32gather_epi64(_mm512_extracti64x4_epi64(offsets, 1), b, 4);
+      const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+      const __m512i odd = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+      first = convert_words<Sample>(_mm512_permutex2var_epi32(lanes0to7, even, lanes8to15));
+      second = convert_words<Sample>(_mm512_permutex2var_epi32(lanes0to7, odd, lanes8to15));
+    } else if constexpr (sizeof(Sample) == 2) {
+      const __m512i w = _mm512_i32gather_epi32(offsets, b, 2);  // samples p and p + 1
+      if constexpr (std::is_signed_v<Sample>) {
+        first = _mm512_cvtepi32_ps(_mm512_srai_epi32(_mm512_slli_epi32(w, 16), 16));
+        second = _mm512_cvtepi32_ps(_mm512_srai_epi32(w, 16));
+      } else {
+        first = _mm512_cvtepi32_ps(_mm512_and_si512(w, _mm512_set1_epi32(0xFFFF)));
+        second = _mm512_cvtepi32_ps(_mm512_srli_epi32(w, 16));
+      }
+    } else {
+      // Four bytes starting up to two before p: with nx > 16 they all lie in
+      // the row. `back` is where sample p sits in the word.
+      const __m512i back = _mm512_min_epi32(p, _mm512_set1_epi32(2));
+      const __m512i w = _mm512_i32gather_epi32(_mm512_sub_epi32(offsets, back), b, 1);
+      const __m512i bits = _mm512_slli_epi32(back, 3);
+      // Move sample p to the top byte, then shift down with its sign or not.
+      const __m512i at_top_first = _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(24), bits));
+      const __m512i at_top_second = _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(16), bits));
+      if constexpr (std::is_signed_v<Sample>) {
+        first = _mm512_cvtepi32_ps(_mm512_srai_epi32(at_top_first, 24));
+        second = _mm512_cvtepi32_ps(_mm512_srai_epi32(at_top_second, 24));
+      } else {
+        first = _mm512_cvtepi32_ps(_mm512_srli_epi32(at_top_first, 24));
+        second = _mm512_cvtepi32_ps(_mm512_srli_epi32(at_top_second, 24));
+      }
+    }
+  }
+
+  template <class Sample>
+  static V convert_words(__m512i v) {
+    if constexpr (std::is_same_v<Sample, float>) {
+      return _mm512_castsi512_ps(v);
+    } else if constexpr (std::is_same_v<Sample, uint32_t>) {
+      return _mm512_cvtepu32_ps(v);  // one rounding, unsigned
+    } else {
+      return _mm512_cvtepi32_ps(v);
+    }
+  }
+
   template <class Sample>
   static V gather(const Sample* b, const int64_t* o) {
+    return from_lanes(b, o);
+  }
+  template <class Sample, class Offset>
+  static V from_lanes(const Sample* b, const Offset* o) {
     if constexpr (std::is_same_v<Sample, float>) {
       return _mm512_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]],
                             b[o[7]], b[o[8]], b[o[9]], b[o[10]], b[o[11]], b[o[12]], b[o[13]],
