@@ -1,0 +1,18 @@
+# Runs the demo on a small phantom and checks that it wrote IMAGES PNG files.
+file(REMOVE_RECURSE ${OUT})
+execute_process(COMMAND ${DEMO} ${OUT} --size 24 RESULT_VARIABLE rc OUTPUT_VARIABLE out
+  ERROR_VARIABLE err)
+if(NOT rc EQUAL 0)
+  message(FATAL_ERROR "demo failed (${rc}):\n${out}\n${err}")
+endif()
+file(GLOB images ${OUT}/*.png)
+list(LENGTH images count)
+if(NOT count EQUAL IMAGES)
+  message(FATAL_ERROR "demo wrote ${count} PNG files, expected ${IMAGES}:\n${out}")
+endif()
+foreach(image IN LISTS images)
+  file(READ ${image} signature LIMIT 8 HEX)
+  if(NOT signature STREQUAL "89504e470d0a1a0a")
+    message(FATAL_ERROR "not a PNG file: ${image}")
+  endif()
+endforeach()
