@@ -61,7 +61,8 @@ run("configure the find_package consumer" ${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B
     -G ${GENERATOR} -DCMAKE_BUILD_TYPE=Release
     -DCMAKE_C_COMPILER=${C_COMPILER} -DCMAKE_CXX_COMPILER=${CXX_COMPILER}
     "-DCMAKE_C_FLAGS=${sanitize_flags}" "-DCMAKE_CXX_FLAGS=${sanitize_flags}"
-    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_FIND_PACKAGE_NO_PACKAGE_REGISTRY=ON)
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_FIND_PACKAGE_NO_PACKAGE_REGISTRY=ON
+    -DQZ_MINIMAL_SOURCE=${MINIMAL_SOURCE})
 file(STRINGS ${cm}/CMakeCache.txt found REGEX "^qzinterp3d_halide_DIR:")
 if(NOT found STREQUAL "qzinterp3d_halide_DIR:PATH=${libdir}/cmake/qzinterp3d_halide")
   message(FATAL_ERROR "find_package found another package: ${found}")
@@ -91,8 +92,8 @@ file(MAKE_DIRECTORY ${pc})
 run("compile consumer.cpp (pkg-config)" ${CXX_COMPILER} -std=c++17 -ffp-contract=off
     ${sanitize_flags} ${cflags} ${CONSUMER_DIR}/consumer.cpp -o ${pc}/consumer_cpp ${libs}
     -Wl,-rpath,${libdir})
-run("compile consumer.c (pkg-config)" ${C_COMPILER} -std=c11 -ffp-contract=off
-    ${sanitize_flags} ${cflags} ${CONSUMER_DIR}/consumer.c -o ${pc}/consumer_c ${libs}
+run("compile minimal.c (pkg-config)" ${C_COMPILER} -std=c11 -ffp-contract=off
+    ${sanitize_flags} ${cflags} ${MINIMAL_SOURCE} -o ${pc}/consumer_c ${libs}
     -Wl,-rpath,${libdir})
 foreach(exe consumer_cpp consumer_c)
   run("run ${exe} (pkg-config)" ${pc}/${exe})
