@@ -92,10 +92,13 @@ struct Ops128<double> {
   static Mask gt(V a, V b) { return _mm_cmpgt_pd(a, b); }
   static Mask or_(Mask a, Mask b) { return _mm_or_pd(a, b); }
   static V select(Mask m, V yes, V no) { return _mm_blendv_pd(no, yes, m); }
-  // INT32_MIN for NaN and |v| >= 2^31. The double bound n - 1 is below 2^31,
-  // so such a lane is always outside the grid and its value is discarded;
-  // NaN's INT32_MIN clamps to 0 like the model's conversion.
-  static Index to_index(V a) { return _mm_cvttpd_epi32(a); }
+  // Through 64 bits, keeping the low 32: truncation gives INT64_MIN (low
+  // half 0) for NaN and overflow, the same clamped index as saturation.
+  static Index to_index(V a) {
+    const int64_t lane0 = _mm_cvttsd_si64(a);
+    const int64_t lane1 = _mm_cvttsd_si64(_mm_unpackhi_pd(a, a));
+    return _mm_setr_epi32(static_cast<int32_t>(lane0), static_cast<int32_t>(lane1), 0, 0);
+  }
   static Index clamp(Index i, int32_t hi) {
     return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_setzero_si128());
   }

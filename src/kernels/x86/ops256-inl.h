@@ -95,8 +95,14 @@ struct Ops256<double> {
   static Mask gt(V a, V b) { return _mm256_cmp_pd(a, b, _CMP_GT_OQ); }
   static Mask or_(Mask a, Mask b) { return _mm256_or_pd(a, b); }
   static V select(Mask m, V yes, V no) { return _mm256_blendv_pd(no, yes, m); }
-  // As Ops128<double>: INT32_MIN only for lanes outside the grid or NaN.
-  static Index to_index(V a) { return _mm256_cvttpd_epi32(a); }
+  // As Ops128<double>: through 64 bits, keeping the low 32.
+  static Index to_index(V a) {
+    const __m128d low = _mm256_castpd256_pd128(a), high = _mm256_extractf128_pd(a, 1);
+    return _mm_setr_epi32(static_cast<int32_t>(_mm_cvttsd_si64(low)),
+                          static_cast<int32_t>(_mm_cvttsd_si64(_mm_unpackhi_pd(low, low))),
+                          static_cast<int32_t>(_mm_cvttsd_si64(high)),
+                          static_cast<int32_t>(_mm_cvttsd_si64(_mm_unpackhi_pd(high, high))));
+  }
   static Index clamp(Index i, int32_t hi) {
     return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_setzero_si128());
   }

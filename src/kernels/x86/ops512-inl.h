@@ -175,8 +175,9 @@ struct Ops512<double> {
   static Mask gt(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_GT_OQ); }
   static Mask or_(Mask a, Mask b) { return static_cast<Mask>(a | b); }
   static V select(Mask m, V yes, V no) { return _mm512_mask_blend_pd(m, no, yes); }
-  // As Ops128<double>: INT32_MIN only for lanes outside the grid or NaN.
-  static Index to_index(V a) { return _mm512_cvttpd_epi32(a); }
+  // Through 64 bits, keeping the low 32 (INT64_MIN, low half 0, for NaN and
+  // overflow: the same clamped index as saturation).
+  static Index to_index(V a) { return _mm512_cvtepi64_epi32(_mm512_cvttpd_epi64(a)); }
   static Index clamp(Index i, int32_t hi) {
     return _mm256_max_epi32(_mm256_min_epi32(i, _mm256_set1_epi32(hi)), _mm256_setzero_si256());
   }
