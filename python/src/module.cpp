@@ -243,8 +243,8 @@ void call_padded(const Call& c, const Region& r, halide_dimension_t columns) {
   auto row_of = [](const void* base, int64_t row, int32_t stride) {
     return static_cast<const Coord*>(base) + row * stride;
   };
-  for (int32_t first = 0; first < r.rows; first += slab) {
-    const int32_t n = std::min(slab, r.rows - first);
+  for (int64_t first = 0; first < r.rows; first += slab) {
+    const int32_t n = static_cast<int32_t>(std::min<int64_t>(slab, r.rows - first));
     for (int32_t i = 0; i < n; ++i) {
       const size_t at = static_cast<size_t>(i) * width + static_cast<size_t>(lead);
       std::memcpy(&xs[at], row_of(r.xq, first + i, r.xq_stride), row_bytes);
@@ -261,7 +261,7 @@ void call_padded(const Call& c, const Region& r, halide_dimension_t columns) {
     c.entry(&v.buf, &xq.buf, &yq.buf, &zq.buf, c.fill_value, &out.buf);
     for (int32_t i = 0; i < n; ++i) {
       const size_t at = static_cast<size_t>(i) * width + static_cast<size_t>(lead);
-      std::memcpy(static_cast<Coord*>(r.out) + int64_t{first + i} * r.out_stride, &outs[at],
+      std::memcpy(static_cast<Coord*>(r.out) + (first + i) * r.out_stride, &outs[at],
                   row_bytes);
     }
   }
