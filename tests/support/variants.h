@@ -18,6 +18,27 @@ namespace qztest {
 using AllVariants = ::testing::Types<QZ_TEST_EXPAND(
     void QZ_FOR_EACH_VARIANT(QZ_TEST_VARIANT_TYPE))>;
 
+// The eight sample types of one method.
+#define QZ_TEST_METHOD_VARIANTS(method)                                              \
+  qzinterp3d::Variant<qzinterp3d::Method::method, float>,                            \
+      qzinterp3d::Variant<qzinterp3d::Method::method, double>,                       \
+      qzinterp3d::Variant<qzinterp3d::Method::method, int8_t>,                       \
+      qzinterp3d::Variant<qzinterp3d::Method::method, uint8_t>,                      \
+      qzinterp3d::Variant<qzinterp3d::Method::method, int16_t>,                      \
+      qzinterp3d::Variant<qzinterp3d::Method::method, uint16_t>,                     \
+      qzinterp3d::Variant<qzinterp3d::Method::method, int32_t>,                      \
+      qzinterp3d::Variant<qzinterp3d::Method::method, uint32_t>
+using NearestVariants = ::testing::Types<QZ_TEST_METHOD_VARIANTS(nearest)>;
+using TrilinearVariants = ::testing::Types<QZ_TEST_METHOD_VARIANTS(bilinear)>;
+
+// The names a typed test uses for its variant: sample type S, coordinate
+// type C, method M, block width W.
+#define QZ_TEST_VARIANT_NAMES(Variant)                                  \
+  using S [[maybe_unused]] = typename Variant::sample_type;            \
+  using C [[maybe_unused]] = typename Variant::coord_type;             \
+  [[maybe_unused]] constexpr qzinterp3d::Method M = Variant::method;   \
+  [[maybe_unused]] constexpr int32_t W = Variant::block_width
+
 struct VariantNames {
   template <class V>
   static std::string GetName(int) {
@@ -32,6 +53,20 @@ template <class C>
 bool same_value(C a, C b) {
   if (std::isnan(a) && std::isnan(b)) return true;
   return std::memcmp(&a, &b, sizeof(C)) == 0;
+}
+
+template <class C>
+uint64_t bits_of(C v);
+
+// same_value as a GoogleTest assertion, with both values and their bits in
+// the message.
+template <class C>
+::testing::AssertionResult SameValue(C got, C want) {
+  if (same_value(got, want)) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure()
+         << "got " << ::testing::PrintToString(got) << " (bits 0x" << std::hex << bits_of(got)
+         << "), want " << std::dec << ::testing::PrintToString(want) << " (bits 0x" << std::hex
+         << bits_of(want) << ")" << std::dec;
 }
 
 template <class C>
