@@ -9,6 +9,10 @@
 
 namespace qzinterp3d {
 
+inline int32_t wrap32(int64_t v) {
+  return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(v)));
+}
+
 inline bool is_bounds_query(const halide_buffer_t* b) {
   return b->host == nullptr && b->device == 0;
 }
@@ -50,8 +54,9 @@ bool answer_bounds_query(halide_buffer_t* V, halide_buffer_t* Xq, halide_buffer_
   const int32_t nx = V->dim[0].extent, ny = V->dim[1].extent, nz = V->dim[2].extent;
   const int32_t m = Vq->dim[0].min, w = Vq->dim[0].extent;
   const int32_t c = nx > W ? std::min(w, W) : W;
-  const int32_t region_min = m + c - W;
-  const int32_t region_extent = w - c + W;
+  // 32-bit results, wrapping rather than undefined for extreme fields.
+  const int32_t region_min = wrap32(int64_t{m} + c - W);
+  const int32_t region_extent = wrap32(int64_t{w} - c + W);
 
   if (query_vq) {
     reset_queried(Vq, coord_type, 2);
@@ -63,7 +68,7 @@ bool answer_bounds_query(halide_buffer_t* V, halide_buffer_t* Xq, halide_buffer_
     reset_queried(V, sample_type, 3);
     set_dim(V->dim[0], 0, ex, 1);
     set_dim(V->dim[1], 0, ey, ex);
-    set_dim(V->dim[2], 0, ez, static_cast<int32_t>(static_cast<uint32_t>(ex) * static_cast<uint32_t>(ey)));
+    set_dim(V->dim[2], 0, ez, wrap32(int64_t{ex} * ey));
   }
   for (halide_buffer_t* coords : {query_x ? Xq : nullptr, query_y ? Yq : nullptr,
                                   query_z ? Zq : nullptr}) {
