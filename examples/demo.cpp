@@ -69,7 +69,7 @@ Buffer<float> make_phantom(int n) {
   Buffer<float> V(n, n, n);
   auto axis = [n](int i) { return (2.0 * i + 1.0) / n - 1.0; };
   std::vector<std::thread> workers;
-  const int threads = std::max(1u, std::thread::hardware_concurrency());
+  const int threads = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
   for (int t = 0; t < threads; ++t) {
     workers.emplace_back([&, t] {
       for (int k = t; k < n; k += threads)
