@@ -59,21 +59,27 @@ struct GroupKernel {
     const Index ix = Ops::clamp(Ops::to_index(Ops::round_even(dx)), last_index(g.nx));
     const Index iy = Ops::clamp(Ops::to_index(Ops::round_even(dy)), last_index(g.ny));
     const Index iz = Ops::clamp(Ops::to_index(Ops::round_even(dz)), last_index(g.nz));
-    V value;
+    const V value = fetch_sample(g, ix, iy, iz);
+    Ops::store(out, Ops::select(out_of_range, Ops::set1(g.fill), value));
+  }
+
+  // The one sample of each lane.
+  static inline V fetch_sample(const Grid<Sample>& g, Index ix, Index iy, Index iz) {
     if constexpr (OffsetVectors) {
       const Index yz = Ops::add_index(Ops::mul_index(iy, g.stride1), Ops::mul_index(iz, g.stride2));
       const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
       if constexpr (HasXPairGather<Ops> && sizeof(Sample) < 4) {
-        // Narrow samples come in pairs (see trilinear): read at
-        // p = min(ix, nx - 2) and keep the one at ix.
+        // Narrow samples are read in pairs (see fetch_corners): at
+        // p = min(ix, nx - 2), keeping the one at ix.
         const Index p = Ops::min_index(ix, last_index(g.nx) - 1);
         V first, second;
         Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
-        value = Ops::select_by_index_mask(Ops::index_gt(ix, p), second, first);
+        return Ops::select_by_index_mask(Ops::index_gt(ix, p), second, first);
       } else {
-        value = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
+        return Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
       }
     } else {
+      // Offsets in 64 bits, lane by lane.
       alignas(64) int32_t x[N], y[N], z[N];
       Ops::store_index(x, ix);
       Ops::store_index(y, iy);
@@ -83,9 +89,83 @@ struct GroupKernel {
         offset[l] = -g.origin + int64_t{y[l]} * g.stride1 + int64_t{z[l]} * g.stride2 +
                     int64_t{static_cast<uint32_t>(x[l])};
       }
-      value = Ops::template gather<Sample>(g.host, offset);
+      return Ops::template gather<Sample>(g.host, offset);
     }
-    Ops::store(out, Ops::select(out_of_range, Ops::set1(g.fill), value));
+  }
+
+  // The eight corner samples of each lane (digits: x, y, z; 0 = lower).
+  struct Corners {
+    V v000, v100, v010, v110, v001, v101, v011, v111;
+  };
+
+  static inline Corners fetch_corners(const Grid<Sample>& g, Index ix0, Index ix1, Index iy0,
+                                      Index iy1, Index iz0, Index iz1) {
+    if constexpr (!OffsetVectors) {
+      return corners_by_lanes(g, ix0, ix1, iy0, iy1, iz0, iz1);
+    } else {
+      // The y and z parts of the offsets are shared by both x corners.
+      const Index origin = Ops::set1_index(static_cast<int32_t>(-g.origin));
+      const Index ylo = Ops::mul_index(iy0, g.stride1), yhi = Ops::mul_index(iy1, g.stride1);
+      const Index zlo = Ops::add_index(Ops::mul_index(iz0, g.stride2), origin);
+      const Index zhi = Ops::add_index(Ops::mul_index(iz1, g.stride2), origin);
+      const Index rows[4] = {Ops::add_index(ylo, zlo), Ops::add_index(yhi, zlo),
+                             Ops::add_index(ylo, zhi), Ops::add_index(yhi, zhi)};
+      Corners c;
+      V* lower[4] = {&c.v000, &c.v010, &c.v001, &c.v011};
+      V* upper[4] = {&c.v100, &c.v110, &c.v101, &c.v111};
+      if constexpr (HasXPairGather<Ops>) {
+        // Both x corners of a row from one read of two adjacent samples at
+        // p = min(ix0, nx - 2): ix0 and ix1 are each p or p + 1 (row kernels
+        // run only for nx > W >= 2), so every read stays in the row.
+        const Index p = Ops::min_index(ix0, last_index(g.nx) - 1);
+        const auto lower_is_second = Ops::index_gt(ix0, p);
+        const auto upper_is_second = Ops::index_gt(ix1, p);
+        for (int r = 0; r < 4; ++r) {
+          V first, second;
+          Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(rows[r], p), p, first,
+                                               second);
+          *lower[r] = Ops::select_by_index_mask(lower_is_second, second, first);
+          *upper[r] = Ops::select_by_index_mask(upper_is_second, second, first);
+        }
+      } else {
+        for (int r = 0; r < 4; ++r) {
+          *lower[r] = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(rows[r], ix0));
+          *upper[r] = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(rows[r], ix1));
+        }
+      }
+      return c;
+    }
+  }
+
+  // Offsets in 64 bits, lane by lane, one scalar read per corner and lane.
+  static inline Corners corners_by_lanes(const Grid<Sample>& g, Index ix0, Index ix1, Index iy0,
+                                         Index iy1, Index iz0, Index iz1) {
+    alignas(64) int32_t x0[N], x1[N], y0[N], y1[N], z0[N], z1[N];
+    Ops::store_index(x0, ix0);
+    Ops::store_index(x1, ix1);
+    Ops::store_index(y0, iy0);
+    Ops::store_index(y1, iy1);
+    Ops::store_index(z0, iz0);
+    Ops::store_index(z1, iz1);
+    alignas(64) int64_t o000[N], o100[N], o010[N], o110[N], o001[N], o101[N], o011[N], o111[N];
+    for (int l = 0; l < N; ++l) {
+      const int64_t ylo = int64_t{y0[l]} * g.stride1, yhi = int64_t{y1[l]} * g.stride1;
+      const int64_t zlo = int64_t{z0[l]} * g.stride2 - g.origin;
+      const int64_t zhi = int64_t{z1[l]} * g.stride2 - g.origin;
+      const int64_t xlo = static_cast<uint32_t>(x0[l]), xhi = static_cast<uint32_t>(x1[l]);
+      o000[l] = ylo + zlo + xlo;
+      o100[l] = ylo + zlo + xhi;
+      o010[l] = yhi + zlo + xlo;
+      o110[l] = yhi + zlo + xhi;
+      o001[l] = ylo + zhi + xlo;
+      o101[l] = ylo + zhi + xhi;
+      o011[l] = yhi + zhi + xlo;
+      o111[l] = yhi + zhi + xhi;
+    }
+    return {Ops::template gather<Sample>(g.host, o000), Ops::template gather<Sample>(g.host, o100),
+            Ops::template gather<Sample>(g.host, o010), Ops::template gather<Sample>(g.host, o110),
+            Ops::template gather<Sample>(g.host, o001), Ops::template gather<Sample>(g.host, o101),
+            Ops::template gather<Sample>(g.host, o011), Ops::template gather<Sample>(g.host, o111)};
   }
 
   template <BlendPlan P>
@@ -113,77 +193,9 @@ struct GroupKernel {
     const V wyl = Ops::sub(two, ty), wyu = Ops::sub(ty, one);
     const V wzl = Ops::sub(two, tz);
 
-    V v000, v100, v010, v110, v001, v101, v011, v111;
-    if constexpr (OffsetVectors) {
-      // The y and z parts of the offsets are shared by both x corners.
-      const Index origin = Ops::set1_index(static_cast<int32_t>(-g.origin));
-      const Index ylo = Ops::mul_index(iy0, g.stride1), yhi = Ops::mul_index(iy1, g.stride1);
-      const Index zlo = Ops::add_index(Ops::mul_index(iz0, g.stride2), origin);
-      const Index zhi = Ops::add_index(Ops::mul_index(iz1, g.stride2), origin);
-      const Index r00 = Ops::add_index(ylo, zlo), r10 = Ops::add_index(yhi, zlo);
-      const Index r01 = Ops::add_index(ylo, zhi), r11 = Ops::add_index(yhi, zhi);
-      if constexpr (HasXPairGather<Ops>) {
-        // Both x corners of a row from one read of two adjacent samples at
-        // p = min(ix0, nx - 2): ix0 and ix1 are each p or p + 1 (the
-        // row kernel runs only for nx >= 2), so every read stays in the row.
-        const Index p = Ops::min_index(ix0, last_index(g.nx) - 1);
-        const auto lower_is_second = Ops::index_gt(ix0, p);
-        const auto upper_is_second = Ops::index_gt(ix1, p);
-        auto corners = [&](Index row, V& lower, V& upper) {
-          V first, second;
-          Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
-          lower = Ops::select_by_index_mask(lower_is_second, second, first);
-          upper = Ops::select_by_index_mask(upper_is_second, second, first);
-        };
-        corners(r00, v000, v100);
-        corners(r10, v010, v110);
-        corners(r01, v001, v101);
-        corners(r11, v011, v111);
-      } else {
-      v000 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r00, ix0));
-      v100 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r00, ix1));
-      v010 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r10, ix0));
-      v110 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r10, ix1));
-      v001 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r01, ix0));
-      v101 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r01, ix1));
-      v011 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r11, ix0));
-      v111 = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(r11, ix1));
-      }
-    } else {
-      alignas(64) int32_t x0[N], x1[N], y0[N], y1[N], z0[N], z1[N];
-      Ops::store_index(x0, ix0);
-      Ops::store_index(x1, ix1);
-      Ops::store_index(y0, iy0);
-      Ops::store_index(y1, iy1);
-      Ops::store_index(z0, iz0);
-      Ops::store_index(z1, iz1);
-      // Corner offsets: the y and z parts are shared by both x corners.
-      alignas(64) int64_t o000[N], o100[N], o010[N], o110[N], o001[N], o101[N], o011[N], o111[N];
-      for (int l = 0; l < N; ++l) {
-        const int64_t ylo = int64_t{y0[l]} * g.stride1, yhi = int64_t{y1[l]} * g.stride1;
-        const int64_t zlo = int64_t{z0[l]} * g.stride2 - g.origin;
-        const int64_t zhi = int64_t{z1[l]} * g.stride2 - g.origin;
-        const int64_t xlo = static_cast<uint32_t>(x0[l]), xhi = static_cast<uint32_t>(x1[l]);
-        o000[l] = ylo + zlo + xlo;
-        o100[l] = ylo + zlo + xhi;
-        o010[l] = yhi + zlo + xlo;
-        o110[l] = yhi + zlo + xhi;
-        o001[l] = ylo + zhi + xlo;
-        o101[l] = ylo + zhi + xhi;
-        o011[l] = yhi + zhi + xlo;
-        o111[l] = yhi + zhi + xhi;
-      }
-      v000 = Ops::template gather<Sample>(g.host, o000);
-      v100 = Ops::template gather<Sample>(g.host, o100);
-      v010 = Ops::template gather<Sample>(g.host, o010);
-      v110 = Ops::template gather<Sample>(g.host, o110);
-      v001 = Ops::template gather<Sample>(g.host, o001);
-      v101 = Ops::template gather<Sample>(g.host, o101);
-      v011 = Ops::template gather<Sample>(g.host, o011);
-      v111 = Ops::template gather<Sample>(g.host, o111);
-    }
-    const V r = Trilinear<P, Ops>::eval(v000, v100, v010, v110, v001, v101, v011, v111, wxl, wxu,
-                                        wyl, wyu, tz, wzl);
+    const Corners c = fetch_corners(g, ix0, ix1, iy0, iy1, iz0, iz1);
+    const V r = Trilinear<P, Ops>::eval(c.v000, c.v100, c.v010, c.v110, c.v001, c.v101, c.v011,
+                                        c.v111, wxl, wxu, wyl, wyu, tz, wzl);
     Ops::store(out, Ops::select(out_of_range, Ops::set1(g.fill), r));
   }
 };
