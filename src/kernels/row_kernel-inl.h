@@ -40,27 +40,38 @@ struct GroupKernel {
   using Index = typename Ops::Index;
   static constexpr int N = Ops::lanes;
 
-  // Block test: outside when 1 > q or q - 1 > n - 1 on some axis (ordered,
-  // so a NaN coordinate alone does not make a lane outside).
-  static inline Mask outside(V one, V xq, V dx, V bx, V yq, V dy, V by, V zq, V dz, V bz) {
-    Mask m = Ops::or_(Ops::gt(one, xq), Ops::gt(dx, bx));
-    m = Ops::or_(m, Ops::or_(Ops::gt(one, yq), Ops::gt(dy, by)));
-    return Ops::or_(m, Ops::or_(Ops::gt(one, zq), Ops::gt(dz, bz)));
+  // A group's coordinates q, their shifts d = q - 1, and the block test:
+  // outside when 1 > q or d > n - 1 on some axis (ordered comparisons, so a
+  // NaN coordinate alone does not make a lane outside).
+  struct Query {
+    V xq, yq, zq, dx, dy, dz;
+    Mask outside;
+  };
+
+  static inline Query load_query(const Grid<Sample>& g, const C* xs, const C* ys, const C* zs) {
+    const V one = Ops::set1(C(1));
+    Query q;
+    q.xq = Ops::load(xs);
+    q.yq = Ops::load(ys);
+    q.zq = Ops::load(zs);
+    q.dx = Ops::sub(q.xq, one);
+    q.dy = Ops::sub(q.yq, one);
+    q.dz = Ops::sub(q.zq, one);
+    Mask m = Ops::or_(Ops::gt(one, q.xq), Ops::gt(q.dx, Ops::set1(g.bound_x)));
+    m = Ops::or_(m, Ops::or_(Ops::gt(one, q.yq), Ops::gt(q.dy, Ops::set1(g.bound_y))));
+    q.outside = Ops::or_(m, Ops::or_(Ops::gt(one, q.zq), Ops::gt(q.dz, Ops::set1(g.bound_z))));
+    return q;
   }
 
   static inline void nearest(const Grid<Sample>& g, const C* xs, const C* ys, const C* zs,
                              C* out) {
-    const V one = Ops::set1(C(1));
-    const V xq = Ops::load(xs), yq = Ops::load(ys), zq = Ops::load(zs);
-    const V dx = Ops::sub(xq, one), dy = Ops::sub(yq, one), dz = Ops::sub(zq, one);
-    const Mask out_of_range =
-        outside(one, xq, dx, Ops::set1(g.bound_x), yq, dy, Ops::set1(g.bound_y), zq, dz,
-                Ops::set1(g.bound_z));
-    const Index ix = Ops::clamp(Ops::to_index(Ops::round_even(dx)), last_index(g.nx));
-    const Index iy = Ops::clamp(Ops::to_index(Ops::round_even(dy)), last_index(g.ny));
-    const Index iz = Ops::clamp(Ops::to_index(Ops::round_even(dz)), last_index(g.nz));
+    const Query q = load_query(g, xs, ys, zs);
+    // Round to nearest, ties to even.
+    const Index ix = Ops::clamp(Ops::to_index(Ops::round_even(q.dx)), last_index(g.nx));
+    const Index iy = Ops::clamp(Ops::to_index(Ops::round_even(q.dy)), last_index(g.ny));
+    const Index iz = Ops::clamp(Ops::to_index(Ops::round_even(q.dz)), last_index(g.nz));
     const V value = fetch_sample(g, ix, iy, iz);
-    Ops::store(out, Ops::select(out_of_range, Ops::set1(g.fill), value));
+    Ops::store(out, Ops::select(q.outside, Ops::set1(g.fill), value));
   }
 
   // The one sample of each lane.
@@ -173,22 +184,18 @@ struct GroupKernel {
                                C* out) {
     const V one = Ops::set1(C(1));
     const V two = Ops::set1(C(2));
-    const V xq = Ops::load(xs), yq = Ops::load(ys), zq = Ops::load(zs);
-    const V px = Ops::sub(xq, one), py = Ops::sub(yq, one), pz = Ops::sub(zq, one);
-    const Mask out_of_range =
-        outside(one, xq, px, Ops::set1(g.bound_x), yq, py, Ops::set1(g.bound_y), zq, pz,
-                Ops::set1(g.bound_z));
-
-    const Index ix0 = Ops::clamp(Ops::to_index(Ops::floor(px)), last_index(g.nx));
-    const Index ix1 = Ops::clamp(Ops::to_index(Ops::ceil(px)), last_index(g.nx));
-    const Index iy0 = Ops::clamp(Ops::to_index(Ops::floor(py)), last_index(g.ny));
-    const Index iy1 = Ops::clamp(Ops::to_index(Ops::ceil(py)), last_index(g.ny));
-    const Index iz0 = Ops::clamp(Ops::to_index(Ops::floor(pz)), last_index(g.nz));
-    const Index iz1 = Ops::clamp(Ops::to_index(Ops::ceil(pz)), last_index(g.nz));
-
-    const V tx = Ops::sub(xq, Ops::to_coord(ix0));
-    const V ty = Ops::sub(yq, Ops::to_coord(iy0));
-    const V tz = Ops::sub(zq, Ops::to_coord(iz0));
+    const Query q = load_query(g, xs, ys, zs);
+    // Lower corners from the floor of q - 1, upper ones from its ceiling.
+    const Index ix0 = Ops::clamp(Ops::to_index(Ops::floor(q.dx)), last_index(g.nx));
+    const Index ix1 = Ops::clamp(Ops::to_index(Ops::ceil(q.dx)), last_index(g.nx));
+    const Index iy0 = Ops::clamp(Ops::to_index(Ops::floor(q.dy)), last_index(g.ny));
+    const Index iy1 = Ops::clamp(Ops::to_index(Ops::ceil(q.dy)), last_index(g.ny));
+    const Index iz0 = Ops::clamp(Ops::to_index(Ops::floor(q.dz)), last_index(g.nz));
+    const Index iz1 = Ops::clamp(Ops::to_index(Ops::ceil(q.dz)), last_index(g.nz));
+    // t is taken from q itself: in [1, 2) inside the grid.
+    const V tx = Ops::sub(q.xq, Ops::to_coord(ix0));
+    const V ty = Ops::sub(q.yq, Ops::to_coord(iy0));
+    const V tz = Ops::sub(q.zq, Ops::to_coord(iz0));
     const V wxl = Ops::sub(two, tx), wxu = Ops::sub(tx, one);
     const V wyl = Ops::sub(two, ty), wyu = Ops::sub(ty, one);
     const V wzl = Ops::sub(two, tz);
@@ -196,7 +203,7 @@ struct GroupKernel {
     const Corners c = fetch_corners(g, ix0, ix1, iy0, iy1, iz0, iz1);
     const V r = Trilinear<P, Ops>::eval(c.v000, c.v100, c.v010, c.v110, c.v001, c.v101, c.v011,
                                         c.v111, wxl, wxu, wyl, wyu, tz, wzl);
-    Ops::store(out, Ops::select(out_of_range, Ops::set1(g.fill), r));
+    Ops::store(out, Ops::select(q.outside, Ops::set1(g.fill), r));
   }
 };
 
