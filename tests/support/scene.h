@@ -94,6 +94,17 @@ class Scene {
                                          static_cast<uintptr_t>(origin * int64_t{sizeof(S)}));
   }
 
+  // Describes V with other mins and extents over the same storage: the
+  // storage's first sample is then absolute (min0, min1, min2). The x extent
+  // should stay the shape's, which decides the path.
+  void describe_grid_as(const int32_t (&mins)[3], const int32_t (&extents)[3]) {
+    for (int d = 0; d < 3; ++d) {
+      v_dims_[d].min = mins[d];
+      v_dims_[d].extent = extents[d];
+    }
+    v_.host = grid_.raw()->host;
+  }
+
   // Coordinates of the point at (column, row) relative to the output's first
   // column and row; columns down to -reach() exist.
   void set_point(int64_t column, int64_t row, C x, C y, C z) {

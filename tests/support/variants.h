@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <sstream>
 
 #include "kernels/variant.h"
 
@@ -63,10 +64,11 @@ uint64_t bits_of(C v);
 template <class C>
 ::testing::AssertionResult SameValue(C got, C want) {
   if (same_value(got, want)) return ::testing::AssertionSuccess();
-  return ::testing::AssertionFailure()
-         << "got " << ::testing::PrintToString(got) << " (bits 0x" << std::hex << bits_of(got)
-         << "), want " << std::dec << ::testing::PrintToString(want) << " (bits 0x" << std::hex
-         << bits_of(want) << ")" << std::dec;
+  std::ostringstream s;
+  s << "got " << ::testing::PrintToString(got) << " (bits 0x" << std::hex << bits_of(got)
+    << std::dec << "), want " << ::testing::PrintToString(want) << " (bits 0x" << std::hex
+    << bits_of(want) << ")";
+  return ::testing::AssertionFailure() << s.str();
 }
 
 template <class C>
