@@ -71,7 +71,7 @@ S random_value_for_grid(std::mt19937_64& rng) {
     const S mantissa = std::uniform_real_distribution<S>(S(-1), S(1))(rng);
     return std::ldexp(mantissa, std::uniform_int_distribution<int>(-30, 30)(rng));
   } else {
-    return random_sample_value<S>(rng);
+    return random_sample<S>(rng);
   }
 }
 
@@ -179,7 +179,7 @@ TYPED_TEST(Trilinear, HalfwayPointsGiveTheSameValueOnEveryPath) {
   for_each_kernel_set([&] {
     for (int trial = 0; trial < 20; ++trial) {
       CellPoint<S> point;
-      for (S& s : point.corners) s = random_sample_value<S>(rng);
+      for (S& s : point.corners) s = random_sample<S>(rng);
       point.xq = point.yq = point.zq = C(1.5);
       const C want = point.expected(Sequence::full_block);
       for (const Sequence s : distinct_sequences_of<S>()) {

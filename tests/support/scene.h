@@ -134,31 +134,45 @@ class Scene {
   // block may reach below it) was written.
   bool only_region_written() const { return out_.outside_untouched(); }
   // True when not a single output element was written.
-  bool output_untouched() {
-    TestBuffer<C> pristine({shape_.x0 - reach_, shape_.y0},
-                           {std::max(shape_.width, 0) + reach_, std::max(shape_.height, 0)}, {0, 2});
-    return same_storage(out_, pristine);
-  }
+  bool output_untouched() const { return same_storage(out_, *new_output()); }
 
-  // Every element the call must write, compared with the scalar model in
-  // the frame of the path taken. Empty when all match.
-  std::string mismatches_with_model(double fill_value) {
-    TestBuffer<C> expected({shape_.x0 - reach_, shape_.y0},
-                           {std::max(shape_.width, 0) + reach_, std::max(shape_.height, 0)}, {0, 2});
-    halide_buffer_t expected_desc = vq_;
-    expected_desc.host = reinterpret_cast<uint8_t*>(&expected.at(shape_.x0, shape_.y0));
-    reference_call<M, S>(v(), xq(), yq(), zq(), fill_value, &expected_desc);
+  // Another output buffer laid out like this scene's, untouched, and the
+  // descriptor through which a call writes it: for calls sharing the inputs.
+  std::unique_ptr<TestBuffer<C>> new_output() const {
+    return std::make_unique<TestBuffer<C>>(
+        std::vector<int32_t>{shape_.x0 - reach_, shape_.y0},
+        std::vector<int32_t>{std::max(shape_.width, 0) + reach_, std::max(shape_.height, 0)},
+        std::vector<int32_t>{0, 2});
+  }
+  halide_buffer_t describe_output(TestBuffer<C>& out) {
+    halide_buffer_t d = vq_;
+    d.host = reinterpret_cast<uint8_t*>(&out.at(shape_.x0, shape_.y0));
+    return d;
+  }
+  // This scene's results against another output buffer's, element by element
+  // (any NaN equal to any NaN) over what a call writes, and nothing written
+  // elsewhere in the other buffer. Empty when equal.
+  std::string mismatches_with(TestBuffer<C>& other) {
     for (int64_t row = 0; row < shape_.height; ++row) {
       for (int64_t column = -reach_; column < shape_.width; ++column) {
-        const C want = expected.at(shape_.x0 + column, shape_.y0 + row);
-        const ::testing::AssertionResult same = SameValue(result(column, row), want);
+        const ::testing::AssertionResult same =
+            SameValue(result(column, row), other.at(shape_.x0 + column, shape_.y0 + row));
         if (!same) {
           return "column " + std::to_string(column) + " row " + std::to_string(row) + ": " +
                  same.message();
         }
       }
     }
-    return "";
+    return other.outside_untouched() ? "" : "written outside the output region";
+  }
+
+  // Every element the call must write, compared with the scalar model in
+  // the frame of the path taken. Empty when all match.
+  std::string mismatches_with_model(double fill_value) {
+    const std::unique_ptr<TestBuffer<C>> expected = new_output();
+    halide_buffer_t expected_desc = describe_output(*expected);
+    reference_call<M, S>(v(), xq(), yq(), zq(), fill_value, &expected_desc);
+    return mismatches_with(*expected);
   }
 
   halide_buffer_t* v() { return &v_; }

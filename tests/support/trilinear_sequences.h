@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "kernels/variant.h"
+#include "support/random_inputs.h"
 #include "support/variants.h"
 
 namespace qztest {
@@ -189,16 +190,6 @@ struct CellPoint {
   C expected(Sequence s) const { return expected_trilinear<S>(s, converted_corners(), weights()); }
 };
 
-template <class S>
-S random_sample_value(std::mt19937_64& rng) {
-  if constexpr (std::is_floating_point_v<S>) {
-    return std::uniform_real_distribution<S>(S(-1000), S(1000))(rng);
-  } else {
-    return static_cast<S>(std::uniform_int_distribution<int64_t>(
-        std::numeric_limits<S>::min(), std::numeric_limits<S>::max())(rng));
-  }
-}
-
 // The test's own statement of which way each step of a sequence blends,
 // used only to choose points: a point set is kept when, for every sequence,
 // changing any one step (the x and y pairs, and the z step) changes the bits
@@ -277,7 +268,7 @@ std::vector<CellPoint<S>> points_separating_sequences(uint64_t seed = 1) {
   std::vector<CellPoint<S>> points;
   for (int attempt = 0; attempt < 1000000 && !variants.empty(); ++attempt) {
     CellPoint<S> p;
-    for (S& s : p.corners) s = random_sample_value<S>(rng);
+    for (S& s : p.corners) s = random_sample<S>(rng);
     p.xq = C(1) + fraction(rng);
     p.yq = C(1) + fraction(rng);
     p.zq = C(1) + fraction(rng);
