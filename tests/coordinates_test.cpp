@@ -232,6 +232,31 @@ TYPED_TEST(Coordinates, HugeAxisBoundIsRoundedToTheCoordinateType) {
   });
 }
 
+// Row 1000000064 of a grid with 3 or more samples per row: index times
+// stride passes 2^31, so the flat index must be formed in 64 bits. Three
+// rows of storage stand for rows 1000000063 to 1000000065.
+TYPED_TEST(Coordinates, FlatIndexIsFormedInSixtyFourBits) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  const int32_t row = 1000000064, first_stored = row - 1;
+  for_each_kernel_set([&] {
+    for (const int32_t nx : {std::max(W, 2), W + 1}) {
+      SCOPED_TRACE("nx " + std::to_string(nx));
+      Scene<M, S> scene(Shape{nx, 3, 2, W + 2, 1});
+      scene.describe_grid_as({0, first_stored, 0}, {nx, row + 2, 2});
+      ASSERT_GT(int64_t{row} * scene.v()->dim[1].stride, int64_t{INT32_MAX});
+      // q = 1000000064 is exact in both types; d = q - 1 rounds back to it
+      // in float32 (spacing 64) and stays one below in float64.
+      const int32_t row_read = sizeof(C) == 4 ? row : row - 1;
+      for (int64_t c = 0; c < W + 2; ++c) scene.set_point(c, 0, C(1 + c % nx), C(row), C(2));
+      ASSERT_EQ(0, scene.call(0.0));
+      for (int64_t c = 0; c < W + 2; ++c) {
+        EXPECT_TRUE(SameValue(scene.result(c), scene.converted_sample(c % nx, row_read - first_stored, 1)))
+            << "column " << c;
+      }
+    }
+  });
+}
+
 TYPED_TEST(Coordinates, FillValueIsConvertedOnceWithRoundingToNearestEven) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
   const float inf = std::numeric_limits<float>::infinity();

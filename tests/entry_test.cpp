@@ -163,6 +163,49 @@ TYPED_TEST(Entry, EveryBufferIsAddressedByItsOwnMinsAndRowStride) {
   });
 }
 
+// Fields the call has no use for (types, dimension counts, flags, device
+// fields, x strides, the coordinates' extents) may hold anything.
+TYPED_TEST(Entry, FieldsTheCallDoesNotReadMayHoldAnything) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  const halide_type_t junk_type(halide_type_handle, 3, 5);
+  for_each_kernel_set([&] {
+    for (const int32_t nx : {W, W + 1}) {
+      const Shape shape{nx, 3, 2, 2 * W + 1, 3, 4, -6};
+      Scene<M, S> plain(shape), junk(shape);
+      for (Scene<M, S>* scene : {&plain, &junk}) {
+        for (int64_t r = 0; r < shape.height; ++r) {
+          for (int64_t c = -scene->reach(); c < shape.width; ++c) {
+            scene->set_point(c, r, C(1) + C((c + r + 8) % (nx + 1)) * C(0.6), C(1.5), C(1) + C(r));
+          }
+        }
+      }
+      for (halide_buffer_t* b : {junk.v(), junk.xq(), junk.yq(), junk.zq(), junk.vq()}) {
+        b->type = junk_type;
+        b->dimensions = 0;
+        b->flags = ~uint64_t{0};
+        b->device = 0x77;  // with host memory: not a query
+        b->device_interface = reinterpret_cast<const halide_device_interface_t*>(uintptr_t{0x40});
+        b->dim[0].stride = 9;
+        b->dim[0].flags = -1;
+        b->dim[1].flags = -1;
+      }
+      for (halide_buffer_t* b : {junk.xq(), junk.yq(), junk.zq()}) {
+        b->dim[0].extent = 0;
+        b->dim[1].extent = -5;
+      }
+      ASSERT_EQ(0, plain.call(-4.0));
+      ASSERT_EQ(0, junk.call(-4.0));
+      for (int64_t r = 0; r < shape.height; ++r) {
+        for (int64_t c = -plain.reach(); c < shape.width; ++c) {
+          EXPECT_TRUE(SameValue(junk.result(c, r), plain.result(c, r)))
+              << "nx " << nx << " column " << c << " row " << r;
+        }
+      }
+      EXPECT_TRUE(junk.only_region_written());
+    }
+  });
+}
+
 // Rows far from 0 with wide rows: min * stride no longer fits in 32 bits.
 TYPED_TEST(Entry, BufferOffsetsAreSixtyFourBit) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
