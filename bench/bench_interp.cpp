@@ -95,7 +95,7 @@ T* volume(const char* type_name, int n) {
   const std::string key = std::string(type_name) + "/" + std::to_string(n);
   if (g_volume.key != key) {
     g_volume.data.reset();  // free the old one first: 512^3 float64 is 1 GiB
-    g_volume.data = std::shared_ptr<T[]>(make_volume<T>(n).release(), std::default_delete<T[]>());
+    g_volume.data = std::shared_ptr<T[]>(make_volume<T>(n).release(), FreeDeleter{});
     g_volume.key = key;
   }
   return static_cast<T*>(g_volume.data.get());
