@@ -85,40 +85,44 @@ TYPED_TEST(Nearest, LastSampleIsInsideAndAnythingBeyondTheGridIsFill) {
 // element throughout.
 TYPED_TEST(Nearest, NanInASixColumnSerialRowDependsOnTheColumn) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
-  const double fill = -9.0;
-  for (int axis = 0; axis < 3; ++axis) {
-    Scene<M, S> scene(Shape{std::min(W, 3), 3, 3, 6, 1});
-    ASSERT_FALSE(scene.parallel());
-    for (int64_t c = 0; c < 6; ++c) {
-      C point[3] = {C(2), C(3), C(2)};
-      point[axis] = std::numeric_limits<C>::quiet_NaN();
-      scene.set_point(c, 0, point[0], point[1], point[2]);
+  for_each_kernel_set([&] {
+    const double fill = -9.0;
+    for (int axis = 0; axis < 3; ++axis) {
+      Scene<M, S> scene(Shape{std::min(W, 3), 3, 3, 6, 1});
+      ASSERT_FALSE(scene.parallel());
+      for (int64_t c = 0; c < 6; ++c) {
+        C point[3] = {C(2), C(3), C(2)};
+        point[axis] = std::numeric_limits<C>::quiet_NaN();
+        scene.set_point(c, 0, point[0], point[1], point[2]);
+      }
+      ASSERT_EQ(0, scene.call(fill));
+      int32_t index[3] = {1, 2, 1};
+      index[axis] = 0;
+      const C from_grid = scene.converted_sample(index[0], index[1], index[2]);
+      for (int64_t c = 0; c < 6; ++c) {
+        const bool in_group = !std::is_same_v<S, double> && c < 4;
+        EXPECT_TRUE(SameValue(scene.result(c), in_group ? from_grid : static_cast<C>(fill)))
+            << "axis " << axis << " column " << c;
+      }
     }
-    ASSERT_EQ(0, scene.call(fill));
-    int32_t index[3] = {1, 2, 1};
-    index[axis] = 0;
-    const C from_grid = scene.converted_sample(index[0], index[1], index[2]);
-    for (int64_t c = 0; c < 6; ++c) {
-      const bool in_group = !std::is_same_v<S, double> && c < 4;
-      EXPECT_TRUE(SameValue(scene.result(c), in_group ? from_grid : static_cast<C>(fill)))
-          << "axis " << axis << " column " << c;
-    }
-  }
+  });
 }
 
 TEST(NearestPaths, ThreeWideGridIsPooledForFloat64AndSerialForFloat32) {
-  {
-    Scene<Method::nearest, double> scene(Shape{3, 2, 2, 4, 2});
-    ParForSpy spy;
-    ASSERT_EQ(0, scene.call(0.0));
-    EXPECT_EQ(1u, spy.calls().size());
-  }
-  {
-    Scene<Method::nearest, float> scene(Shape{3, 2, 2, 4, 2});
-    ParForSpy spy;
-    ASSERT_EQ(0, scene.call(0.0));
-    EXPECT_TRUE(spy.calls().empty());
-  }
+  for_each_kernel_set([&] {
+    {
+      Scene<Method::nearest, double> scene(Shape{3, 2, 2, 4, 2});
+      ParForSpy spy;
+      ASSERT_EQ(0, scene.call(0.0));
+      EXPECT_EQ(1u, spy.calls().size());
+    }
+    {
+      Scene<Method::nearest, float> scene(Shape{3, 2, 2, 4, 2});
+      ParForSpy spy;
+      ASSERT_EQ(0, scene.call(0.0));
+      EXPECT_TRUE(spy.calls().empty());
+    }
+  });
 }
 
 // Without NaN coordinates the two paths agree: a grid one column wider

@@ -56,40 +56,44 @@ void set_varied_points(Scene<M, S>& scene) {
 
 TYPED_TEST(PooledRows, OneParForCallWithOneTaskPerRow) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
-  for (const int32_t rows : {3, 1, 0, -2}) {
-    SCOPED_TRACE("rows " + std::to_string(rows));
-    Scene<M, S> scene(Shape{W + 1, 2, 2, 2 * W + 1, rows});
-    set_varied_points(scene);
-    ParForSpy spy;
-    ASSERT_EQ(0, scene.call(-1.0));
-    ASSERT_EQ(1u, spy.calls().size());
-    const ParForSpy::Call& call = spy.calls()[0];
-    EXPECT_EQ(nullptr, call.user_context);
-    const halide_task_t own_task = row_task_of<M, S>();
-    EXPECT_TRUE(own_task == call.task) << "not the variant's own row task";
-    EXPECT_EQ(0, call.min);
-    EXPECT_EQ(rows, call.size);  // passed as it is, even when not positive
-    EXPECT_NE(nullptr, call.closure);
-    for (const int result : call.task_results) EXPECT_EQ(0, result);
-    if (rows > 0) {
-      EXPECT_EQ("", scene.mismatches_with_model(-1.0));
-    } else {
-      EXPECT_TRUE(scene.output_untouched());
+  for_each_kernel_set([&] {
+    for (const int32_t rows : {3, 1, 0, -2}) {
+      SCOPED_TRACE("rows " + std::to_string(rows));
+      Scene<M, S> scene(Shape{W + 1, 2, 2, 2 * W + 1, rows});
+      set_varied_points(scene);
+      ParForSpy spy;
+      ASSERT_EQ(0, scene.call(-1.0));
+      ASSERT_EQ(1u, spy.calls().size());
+      const ParForSpy::Call& call = spy.calls()[0];
+      EXPECT_EQ(nullptr, call.user_context);
+      const halide_task_t own_task = row_task_of<M, S>();
+      EXPECT_TRUE(own_task == call.task) << "not the variant's own row task";
+      EXPECT_EQ(0, call.min);
+      EXPECT_EQ(rows, call.size);  // passed as it is, even when not positive
+      EXPECT_NE(nullptr, call.closure);
+      for (const int result : call.task_results) EXPECT_EQ(0, result);
+      if (rows > 0) {
+        EXPECT_EQ("", scene.mismatches_with_model(-1.0));
+      } else {
+        EXPECT_TRUE(scene.output_untouched());
+      }
     }
-  }
+  });
 }
 
 TYPED_TEST(PooledRows, ParForStatusIsIgnoredAndRowsMayRunInAnyOrder) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
-  for (const int status : {-1, 5}) {
-    Scene<M, S> scene(Shape{2 * W + 1, 3, 2, 3 * W - 1, 5});
-    set_varied_points(scene);
-    ParForSpy spy(ParForSpy::Order::descending, status);
-    EXPECT_EQ(0, scene.call(0.5));
-    EXPECT_EQ(1u, spy.calls().size());
-    EXPECT_EQ("", scene.mismatches_with_model(0.5));
-    EXPECT_TRUE(scene.only_region_written());
-  }
+  for_each_kernel_set([&] {
+    for (const int status : {-1, 5}) {
+      Scene<M, S> scene(Shape{2 * W + 1, 3, 2, 3 * W - 1, 5});
+      set_varied_points(scene);
+      ParForSpy spy(ParForSpy::Order::descending, status);
+      EXPECT_EQ(0, scene.call(0.5));
+      EXPECT_EQ(1u, spy.calls().size());
+      EXPECT_EQ("", scene.mismatches_with_model(0.5));
+      EXPECT_TRUE(scene.only_region_written());
+    }
+  });
 }
 
 // Every width class: full blocks only, full plus last, one block reaching
@@ -114,11 +118,13 @@ TYPED_TEST(PooledRows, RowsAreCoveredByFullBlocksAndOneShiftedLastBlock) {
 
 TYPED_TEST(PooledRows, NegativeWidthWritesNothing) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
-  for (const int32_t width : {-1, -W + 1, -W, -3 * W - 1}) {
-    Scene<M, S> scene(Shape{W + 1, 2, 2, width, 3});
-    EXPECT_EQ(0, scene.call(1.0));
-    EXPECT_TRUE(scene.output_untouched()) << "width " << width;
-  }
+  for_each_kernel_set([&] {
+    for (const int32_t width : {-1, -W + 1, -W, -3 * W - 1}) {
+      Scene<M, S> scene(Shape{W + 1, 2, 2, width, 3});
+      EXPECT_EQ(0, scene.call(1.0));
+      EXPECT_TRUE(scene.output_untouched()) << "width " << width;
+    }
+  });
 }
 
 // On a point where the full-block and last-block sequences give different
