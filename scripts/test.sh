@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite, from a fresh clone: installs the Debian packages that
-# are missing (scripts/packages.txt), builds in Release, runs every test
-# through ctest (C++ and Python), then the sanitizer builds and a short fuzz
-# run when their scripts are present. Safe to run again.
+# are missing (scripts/packages.txt), builds in Release, runs the sanitizer
+# builds and a short fuzz run (scripts/sanitizers.sh, scripts/fuzz.sh), then
+# every test through ctest (C++ and Python), last, so its summary closes the
+# output. Safe to run again.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${QZINTERP3D_BUILD_DIR:-$root/build}
@@ -11,7 +12,6 @@ jobs=$(nproc)
 bash "$root/scripts/install-deps.sh"
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=Release
 cmake --build "$build" -j"$jobs"
-ctest --test-dir "$build" --output-on-failure -j"$jobs"
 
 for stage in sanitizers fuzz; do
   if [ -f "$root/scripts/$stage.sh" ]; then
@@ -19,3 +19,6 @@ for stage in sanitizers fuzz; do
     bash "$root/scripts/$stage.sh"
   fi
 done
+
+echo "== tests"
+ctest --test-dir "$build" --output-on-failure -j"$jobs"
