@@ -4,7 +4,7 @@
 Runs qz_bench under callgrind, one benchmark at a time on one thread, and
 divides the instructions executed inside the row tasks
 (interp3_<method>_<type>_par_for_Vq_s0_y_rebased, inclusive) by the points
-they computed (benchmark iterations + the warm-up call, times 1024 x 1024).
+they computed (the calls callgrind counted, 1024 points each).
 The stream bound's row function is counted the same way. Counts do not
 depend on the data or the volume size (the kernels are branch-free per
 block), so a 64^3 oblique slice is used unless asked otherwise.
@@ -27,7 +27,8 @@ import tempfile
 from pathlib import Path
 
 REPO = Path(__file__).resolve().parent.parent
-POINTS = 1024 * 1024
+COLS = 1024  # points per row task
+POINTS = COLS * 1024
 ALL_TYPES = ["float32", "float64", "int8", "uint8", "int16", "uint16", "int32", "uint32"]
 
 
@@ -49,27 +50,37 @@ def run(bench, bench_filter, kernel, cache_sim, tmp):
     runs = report["benchmarks"]
     if len(runs) != 1:
         sys.exit(f"instructions.py: filter {bench_filter!r} matched {len(runs)} benchmarks")
-    calls = runs[0]["iterations"] + 1  # + the warm-up call
-    ann = subprocess.run(["callgrind_annotate", "--inclusive=yes", str(out)], capture_output=True,
-                         text=True, check=True).stdout
-    return calls, ann, runs[0].get("label", "")
+    ann = subprocess.run(["callgrind_annotate", "--inclusive=yes", "--tree=caller", str(out)],
+                         capture_output=True, text=True, check=True).stdout
+    return ann, runs[0].get("label", "")
+
+
+def counts_of(line):
+    """The event counts at the start of an annotate line ('.' is 0)."""
+    values = []
+    for tok in re.sub(r"\([^)]*\)", " ", line).split():
+        if not re.fullmatch(r"[\d,]+|\.", tok):
+            break
+        values.append(0 if tok == "." else int(tok.replace(",", "")))
+    return values
 
 
 def events_of(ann, pattern):
-    """The event counts on the first annotate line whose function matches."""
-    header = None
+    """Inclusive event counts of the function matching `pattern` and the number
+    of times it was called, from callgrind_annotate --inclusive=yes --tree=caller
+    (caller lines '< f (Nx)' precede the function's own line '* f')."""
+    header, calls = ["Ir"], 0
     for line in ann.splitlines():
         if line.startswith("Events shown:"):
             header = line.split(":", 1)[1].split()
-        if re.search(pattern, line) and re.match(r"\s*[\d,.]", line):
-            counts = re.sub(r"\([^)]*\)", " ", line).split()
-            values = []
-            for tok in counts:
-                if not re.fullmatch(r"[\d,]+|\.", tok):
-                    break
-                values.append(0 if tok == "." else int(tok.replace(",", "")))
-            return dict(zip(header or ["Ir"], values))
-    return None
+        elif not line.strip():
+            calls = 0
+        elif re.search(r"\s<\s", line):
+            m = re.search(r"\(([\d,]+)x\)", line)
+            calls += int(m.group(1).replace(",", "")) if m else 0
+        elif re.search(r"\s\*\s", line) and re.search(pattern, line):
+            return dict(zip(header, counts_of(line))), calls
+    return None, 0
 
 
 def main():
@@ -98,16 +109,17 @@ def main():
             cells = []
             for k in kernels:
                 flt = f"^interp3_{m}_{t}/{args.workload}/n:{args.n}/threads:1/"
-                calls, ann, label = run(bench, flt, k, args.cache_sim, tmp)
+                ann, label = run(bench, flt, k, args.cache_sim, tmp)
                 if k != "auto" and label != f"kernels={k}":
                     sys.exit(f"instructions.py: expected kernels={k}, benchmark says {label!r}")
-                e = events_of(ann, rf"interp3_{m}_{t}_par_for_Vq_s0_y_rebased")
-                cells += [f"{e[x] / (calls * POINTS):.1f}" if e and x in e else "?" for x in evs]
+                e, rows_run = events_of(ann, rf"interp3_{m}_{t}_par_for_Vq_s0_y_rebased")
+                cells += [f"{e[x] / (rows_run * COLS):.1f}" if e and rows_run and x in e else "?"
+                          for x in evs]
             print(f"| interp3_{m}_{t} | " + " | ".join(cells) + " |", flush=True)
         for ct in ("float32", "float64"):
-            calls, ann, _ = run(bench, f"^stream/{ct}/points:{POINTS}/threads:1/", "auto", args.cache_sim, tmp)
-            e = events_of(ann, r"stream_row<(float|double)>")
-            cells = [f"{e[x] / (calls * POINTS):.2f}" if e and x in e else "?" for x in evs]
+            ann, _ = run(bench, f"^stream/{ct}/points:{POINTS}/threads:1/", "auto", args.cache_sim, tmp)
+            e, rows_run = events_of(ann, r"stream_row<(float|double)>")
+            cells = [f"{e[x] / (rows_run * COLS):.2f}" if e and rows_run and x in e else "?" for x in evs]
             print(f"| stream {ct} (any set) | " + " | ".join(cells * len(kernels)) + " |", flush=True)
     return 0
 
