@@ -1,7 +1,8 @@
 // Throughput of the sixteen pipelines, called through the shared library's
-// public entries, over methods x sample types x workloads x volume sizes x
-// thread counts, plus the streaming bound (Vq = Xq + Yq + Zq) over the same
-// number of points.
+// public entries, over methods x sample types x workloads x volume sizes,
+// plus the streaming bound (Vq = Xq + Yq + Zq) over the same number of points.
+// One process runs one thread count, HL_NUM_THREADS (default: every CPU);
+// run_suite.sh runs 1 and all.
 //
 // Names:  interp3_<method>_<type>/<workload>/n:<n>/threads:<t>
 //         stream/<coordinate type>/points:<count>/threads:<t>
@@ -45,7 +46,12 @@ std::string kernel_label() {
   return (k != nullptr && *k != '\0') ? std::string(k) : std::string("auto");
 }
 
-int all_threads() {
+// The thread count of this process: HL_NUM_THREADS, else every CPU. The
+// Halide runtime's pool is sized once: asked later for fewer threads it keeps
+// all of its workers busy, and grown later it ran these short row tasks far
+// slower than a pool started at that size. So one process measures one
+// thread count (run_suite.sh runs 1 and all).
+int pool_threads() {
   if (const char* s = std::getenv("HL_NUM_THREADS")) {
     const int n = std::atoi(s);
     if (n > 0) return n;
@@ -116,7 +122,6 @@ const Coords<C>& coords(Workload w, int n) {
 // Times `run`, which computes kPoints points into `out` on `threads` threads.
 template <class C, class Run>
 void measure(benchmark::State& state, int threads, C* out, Run run) {
-  halide_set_num_threads(threads);
   run();  // warm up, start the pool
   for (auto _ : state) {
     run();
@@ -179,35 +184,29 @@ const TypeEntry kTypes[] = {
     {"uint32", interp3_nearest_uint32, interp3_bilinear_uint32, bm_interp<uint32_t>},
 };
 
-void register_all() {
-  std::vector<int> thread_counts{1};
-  if (all_threads() > 1) thread_counts.push_back(all_threads());
-
-  for (int t : thread_counts) {
-    const std::string suffix = "/points:" + std::to_string(kPoints) + "/threads:" + std::to_string(t);
-    benchmark::RegisterBenchmark(("stream/float32" + suffix).c_str(), bm_stream<float>, t)
-        ->UseRealTime()
-        ->Unit(benchmark::kMillisecond);
-    benchmark::RegisterBenchmark(("stream/float64" + suffix).c_str(), bm_stream<double>, t)
-        ->UseRealTime()
-        ->Unit(benchmark::kMillisecond);
-  }
-
+void register_all(int t) {
+  // Volume size and sample type outer, so that consecutive benchmarks share a volume.
   const int sizes[] = {64, 128, 256, 512};
   const Workload workloads[] = {Workload::oblique, Workload::upsample, Workload::random};
+  const std::string threads = "/threads:" + std::to_string(t);
+  const std::string points = "/points:" + std::to_string(kPoints);
+  benchmark::RegisterBenchmark(("stream/float32" + points + threads).c_str(), bm_stream<float>, t)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
+  benchmark::RegisterBenchmark(("stream/float64" + points + threads).c_str(), bm_stream<double>, t)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
   for (int n : sizes) {
     for (const TypeEntry& type : kTypes) {
       for (Workload w : workloads) {
         for (int method = 0; method < 2; ++method) {
           const Entry entry = method == 0 ? type.bilinear : type.nearest;
-          const std::string base = std::string("interp3_") + (method == 0 ? "bilinear_" : "nearest_") +
-                                   type.name + "/" + workload_name(w) + "/n:" + std::to_string(n);
-          for (int t : thread_counts) {
-            benchmark::RegisterBenchmark((base + "/threads:" + std::to_string(t)).c_str(), type.run,
-                                         entry, type.name, w, n, t)
-                ->UseRealTime()
-                ->Unit(benchmark::kMillisecond);
-          }
+          const std::string name = std::string("interp3_") + (method == 0 ? "bilinear_" : "nearest_") +
+                                   type.name + "/" + workload_name(w) + "/n:" + std::to_string(n) +
+                                   threads;
+          benchmark::RegisterBenchmark(name.c_str(), type.run, entry, type.name, w, n, t)
+              ->UseRealTime()
+              ->Unit(benchmark::kMillisecond);
         }
       }
     }
@@ -232,9 +231,11 @@ int main(int argc, char** argv) {
   benchmark::Initialize(&count, args.data());
   if (benchmark::ReportUnrecognizedArguments(count, args.data())) return 1;
   benchmark::AddCustomContext("qz_kernel_set", qzbench::kernel_label());
-  benchmark::AddCustomContext("qz_all_threads", std::to_string(qzbench::all_threads()));
+  const int threads = qzbench::pool_threads();
+  halide_set_num_threads(threads);  // before any parallel call: the pool's size
+  benchmark::AddCustomContext("qz_threads", std::to_string(threads));
   benchmark::AddCustomContext("qz_filter", has_filter ? "caller's" : "quick default subset");
-  qzbench::register_all();
+  qzbench::register_all(threads);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   return 0;

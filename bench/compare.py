@@ -29,6 +29,7 @@ are. Run with Debian's interpreter:
 import argparse
 import ctypes
 import datetime
+import hashlib
 import json
 import os
 import platform
@@ -295,7 +296,7 @@ def check_case(case, V, X, Y, Z, outputs, scipy_ndimage):
             tol = 16 * eps * vmax
             if impl == "torch":
                 tol += 3 * 4 * n * eps * vrange
-        ok = diff <= tol and np.all(np.isfinite(got))
+        ok = bool(diff <= tol and np.all(np.isfinite(got)))
         results.append((impl, diff, tol, ok))
         if not ok:
             failures.append(f"{case.name}: {impl} differs from the float64 reference by {diff:.3g} "
@@ -321,6 +322,61 @@ def time_sample(fn, k):
         fn()
     t1, c1 = time.perf_counter(), time.process_time()
     return (t1 - t0) / k, (c1 - c0) / max(t1 - t0, 1e-9)
+
+
+def make_calls(case, V, Vt, X, Y, Z, libs, kernels, impl_names, stream, F, ndi):
+    """One callable per implementation, each computing the case's points and
+    returning its output; inputs are prepared here, untimed."""
+    ct = TYPES[case.type][1]
+    fns = {name: libs[k].caller(case, V, X, Y, Z) for k, name in zip(kernels, impl_names)}
+    if F is not None:
+        import torch
+        n = case.n
+        grid = np.stack([(a.astype(np.float64) - 1) / (n - 1) * 2 - 1 for a in (X, Y, Z)], axis=-1)
+        gt = torch.from_numpy(grid.astype(ct)).view(1, 1, ROWS, COLS, 3)
+        mode = "nearest" if case.method == "nearest" else "bilinear"
+
+        def torch_call():
+            with torch.inference_mode():
+                return F.grid_sample(Vt, gt, mode=mode, padding_mode="zeros", align_corners=True)
+
+        fns["torch"] = torch_call
+    if ndi is not None:
+        sc = np.stack([Z.astype(np.float64) - 1, Y.astype(np.float64) - 1, X.astype(np.float64) - 1])
+        sout = np.empty((ROWS, COLS), ct)
+        order = 0 if case.method == "nearest" else 1
+
+        def scipy_call():
+            ndi.map_coordinates(V, sc, output=sout, order=order, mode="constant", cval=FILL,
+                                prefilter=False)
+            return sout
+
+        fns["scipy"] = scipy_call
+    so = np.empty((ROWS, COLS), ct)
+    sfn = stream.qzbench_stream_float64 if ct == np.float64 else stream.qzbench_stream_float32
+
+    def stream_call():
+        sfn(X.ctypes.data, Y.ctypes.data, Z.ctypes.data, so.ctypes.data, ROWS, COLS)
+        return so
+
+    fns["stream"] = stream_call
+    return fns
+
+
+def time_interleaved(fns, reps, sample_time):
+    """Each repetition times every implementation once, the order rotating;
+    returns the median seconds per call and the median CPU/wall ratio."""
+    calls = {name: calibrate(fn, sample_time) for name, fn in fns.items()}
+    samples = {name: [] for name in fns}
+    util = {name: [] for name in fns}
+    names = list(fns)
+    for r in range(reps):
+        for name in names[r % len(names):] + names[:r % len(names)]:
+            dt, u = time_sample(fns[name], calls[name])
+            samples[name].append(dt)
+            util[name].append(u)
+    return ({name: statistics.median(s) for name, s in samples.items()},
+            {name: statistics.median(u) for name, u in util.items()})
 
 
 def machine_info():
@@ -353,7 +409,7 @@ def fmt_rate(x):
     return f"{x:.1f}" if x < 100 else f"{x:.0f}"
 
 
-def main():
+def parse_args():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", default=str(REPO / "build-bench"), help="build directory (default build-bench)")
     ap.add_argument("--kernels", default="auto",
@@ -368,29 +424,22 @@ def main():
     ap.add_argument("--no-torch", action="store_true")
     ap.add_argument("--no-scipy", action="store_true")
     ap.add_argument("--json", default=None, help="also write the raw results here")
-    args = ap.parse_args()
+    ap.add_argument("--child", default=None, help=argparse.SUPPRESS)  # one thread count, JSON here
+    return ap.parse_args()
 
+
+def paths(args):
     build = Path(args.build)
-    lib_path = build / "libqzinterp3d_halide.so"
-    stream_path = build / "bench" / "libqzbench_stream.so"
-    probe = build / "bench" / "qz_kernel_set_name"
-    for p in (lib_path, stream_path, probe):
-        if not p.exists():
-            sys.exit(f"compare.py: {p} is missing; build it first: cmake --build {build} --target qz_bench_all")
+    p = {"lib": build / "libqzinterp3d_halide.so", "runtime": build / "libqzhalideRuntime.so",
+         "stream": build / "bench" / "libqzbench_stream.so", "probe": build / "bench" / "qz_kernel_set_name"}
+    for f in p.values():
+        if not f.exists():
+            sys.exit(f"compare.py: {f} is missing; build it first: cmake --build {build} --target qz_bench_all")
+    return p
 
-    cpus = len(os.sched_getaffinity(0))
-    threads = [int(t) for t in args.threads.split(",")] if args.threads else sorted({1, cpus})
-    # The pool is sized from HL_NUM_THREADS when it starts; fewer threads are
-    # then asked for with halide_set_num_threads.
-    os.environ["HL_NUM_THREADS"] = str(max(threads))
 
-    import scipy
-    import scipy.ndimage as ndi
-    torch = F = None
-    if not args.no_torch:
-        import torch
-        import torch.nn.functional as F
-
+def kernel_sets(args, probe):
+    """(kernel set names as asked, their labels, the sets this CPU supports)."""
     supported = [line.split()[0] for line in
                  subprocess.run([str(probe), "--list"], check=True, capture_output=True,
                                 text=True).stdout.splitlines() if line.endswith(" supported")]
@@ -399,56 +448,61 @@ def main():
         auto = resolve_kernel(probe, "auto")
         kernels = ["auto"] + [k for k in reversed(supported) if k != auto]
     resolved = {k: resolve_kernel(probe, k) for k in kernels}
-    labels = {k: (f"auto={resolved[k]}" if k == "auto" else resolved[k]) for k in kernels}
     for k in kernels:
         if k != "auto" and resolved[k] != k:
             sys.exit(f"compare.py: kernel set {k!r} is not available here (the library would use "
                      f"{resolved[k]!r}); available: {', '.join(supported)}")
+    labels = {k: (f"auto={resolved[k]}" if k == "auto" else resolved[k]) for k in kernels}
+    return kernels, labels, supported
 
-    tmpdir = tempfile.mkdtemp(prefix="qzbench-")
-    try:
-        libs = {k: Library(lib_path, k, tmpdir) for k in kernels}
-    finally:
-        shutil.rmtree(tmpdir, ignore_errors=True)  # the loaded copies stay mapped
-    runtime = libs[kernels[0]].lib  # its dependency, the shared Halide runtime, has the pool
-    runtime.halide_set_num_threads.argtypes = [ctypes.c_int]
-    stream = ctypes.CDLL(str(stream_path))
-    for name in ("qzbench_stream_float32", "qzbench_stream_float64"):
-        getattr(stream, name).argtypes = [ctypes.c_void_p] * 4 + [ctypes.c_int, ctypes.c_int]
 
+def impl_names_of(args, kernels, labels):
+    names = [f"ours[{labels[k]}]" for k in kernels]
+    if not args.no_torch:
+        names.append("torch")
+    if not args.no_scipy:
+        names.append("scipy")
+    return names + ["stream"]
+
+
+def selected_cases(args):
     cases = default_cases(args.quick)
     if args.filter:
         cases = [c for c in cases if re.search(args.filter, c.name)]
-    model, simd = machine_info()
-    load_before = open("/proc/loadavg").read().split()[:3]
+    return cases
 
-    print(f"# compare.py  {datetime.datetime.now().isoformat(timespec='seconds')}")
-    print(f"# git {git_state()}; library {lib_path}")
-    print(f"# ours: kernel sets {', '.join(labels[k] for k in kernels)} "
-          f"(supported here: {', '.join(supported)})")
-    print(f"# cpu {model}; simd {' '.join(simd)}; cpus usable {cpus} (nproc {os.cpu_count()}); "
-          f"threads {threads}; HL_NUM_THREADS={os.environ['HL_NUM_THREADS']}")
-    print(f"# python {platform.python_version()}, numpy {np.__version__}, scipy {scipy.__version__}"
-          + (f", torch {torch.__version__}" if torch else ""))
-    print(f"# reps {args.reps}, sample >= {args.sample_time}s; loadavg before {' '.join(load_before)}")
-    sys.stdout.flush()
 
-    impl_names = [f"ours[{labels[k]}]" for k in kernels]
-    if torch:
-        impl_names.append("torch")
-    if not args.no_scipy:
-        impl_names.append("scipy")
-    impl_names.append("stream")
+def run_child(args):
+    """Every case at one thread count (this process's HL_NUM_THREADS); writes
+    results, agreement checks and ours' output digests to args.child."""
+    threads = int(os.environ["HL_NUM_THREADS"])
+    p = paths(args)
+    # The runtime, with its pool, is shared by every loaded copy below.
+    ctypes.CDLL(str(p["runtime"]))
+    import scipy.ndimage as ndi
+    torch = F = None
+    if not args.no_torch:
+        import torch
+        import torch.nn.functional as F
+        torch.set_num_threads(threads)
+    kernels, labels, _ = kernel_sets(args, p["probe"])
+    tmpdir = tempfile.mkdtemp(prefix="qzbench-")
+    try:
+        libs = {k: Library(p["lib"], k, tmpdir) for k in kernels}
+    finally:
+        shutil.rmtree(tmpdir, ignore_errors=True)  # the loaded copies stay mapped
+    stream = ctypes.CDLL(str(p["stream"]))
+    for name in ("qzbench_stream_float32", "qzbench_stream_float64"):
+        getattr(stream, name).argtypes = [ctypes.c_void_p] * 4 + [ctypes.c_int, ctypes.c_int]
+    impl_names = impl_names_of(args, kernels, labels)
+    cases = selected_cases(args)
 
-    results = []   # dicts, one per (case, threads)
-    checks = []    # (case, points checked, [(impl, diff, tol, ok)])
-    failures = []
-    # Cases that share a volume run together; results print in the listed order.
+    results, checks, digests = [], [], {}
+    # Cases that share a volume run together.
     order = sorted(range(len(cases)), key=lambda i: (cases[i].n, cases[i].type))
     volume_key, V, Vt = None, None, None
     for idx in order:
         case = cases[idx]
-        sdt, ct, _, _ = TYPES[case.type]
         if volume_key != (case.type, case.n):
             V = Vt = None
             V = make_volume(case.type, case.n)
@@ -456,112 +510,57 @@ def main():
             if torch:
                 vf = V if np.issubdtype(V.dtype, np.floating) else V.astype(np.float32)
                 Vt = torch.from_numpy(vf).view(1, 1, *V.shape)
-        X, Y, Z = make_coords(case.workload, case.n, ct)
+        X, Y, Z = make_coords(case.workload, case.n, TYPES[case.type][1])
+        fns = make_calls(case, V, Vt, X, Y, Z, libs, kernels, impl_names, stream, F,
+                         None if args.no_scipy else ndi)
 
-        fns = {}
-        for k, name in zip(kernels, impl_names):
-            fns[name] = libs[k].caller(case, V, X, Y, Z)
-        if torch:
-            n = case.n
-            grid = np.stack([(a.astype(np.float64) - 1) / (n - 1) * 2 - 1 for a in (X, Y, Z)], axis=-1)
-            gt = torch.from_numpy(grid.astype(ct))
-            gt = gt.view(1, 1, ROWS, COLS, 3)
-            mode = "nearest" if case.method == "nearest" else "bilinear"
+        # A first call of each, whose results are checked.
+        outputs = {name: np.array(fn()).reshape(ROWS, COLS) for name, fn in fns.items() if name != "stream"}
+        ours = outputs[impl_names[0]]
+        failures = [f"{case.name}: kernel sets give different bits ({name} vs {impl_names[0]})"
+                    for name in impl_names[1:len(kernels)] if outputs[name].tobytes() != ours.tobytes()]
+        digests[idx] = hashlib.sha256(ours.tobytes()).hexdigest()
+        npts, res, fails = check_case(case, V, X, Y, Z, outputs, ndi)
+        checks.append((idx, npts, res))
+        failures += fails
+        if failures:
+            for f in failures:
+                print("DISAGREEMENT: " + f, file=sys.stderr)
+            sys.exit("compare.py: implementations disagree beyond rounding; no timings reported")
+        del outputs, ours
 
-            def torch_call(Vt=Vt, gt=gt, mode=mode):
-                with torch.inference_mode():
-                    return F.grid_sample(Vt, gt, mode=mode, padding_mode="zeros", align_corners=True)
-
-            fns["torch"] = torch_call
-        if not args.no_scipy:
-            sc = np.stack([Z.astype(np.float64) - 1, Y.astype(np.float64) - 1, X.astype(np.float64) - 1])
-            sout = np.empty((ROWS, COLS), ct)
-            order_ = 0 if case.method == "nearest" else 1
-
-            def scipy_call(V=V, sc=sc, sout=sout, order_=order_):
-                ndi.map_coordinates(V, sc, output=sout, order=order_, mode="constant", cval=FILL,
-                                    prefilter=False)
-                return sout
-
-            fns["scipy"] = scipy_call
-        sout_stream = np.empty((ROWS, COLS), ct)
-        sfn = stream.qzbench_stream_float64 if ct == np.float64 else stream.qzbench_stream_float32
-
-        def stream_call(sfn=sfn, X=X, Y=Y, Z=Z, o=sout_stream):
-            sfn(X.ctypes.data, Y.ctypes.data, Z.ctypes.data, o.ctypes.data, ROWS, COLS)
-            return o
-
-        fns["stream"] = stream_call
-
-        bits_by_threads = {}
-        for t in threads:
-            runtime.halide_set_num_threads(t)
-            if torch:
-                torch.set_num_threads(t)
-            # Warm-up call of each, whose results are checked.
-            outputs = {name: np.array(fn()).reshape(ROWS, COLS) for name, fn in fns.items() if name != "stream"}
-            ours_first = outputs[impl_names[0]]
-            for name in impl_names[1:len(kernels)]:
-                if not np.array_equal(outputs[name].view(np.uint8), ours_first.view(np.uint8)):
-                    failures.append(f"{case.name}: kernel sets give different bits ({name} vs {impl_names[0]})")
-            bits_by_threads[t] = ours_first.tobytes()
-            if t == threads[0]:
-                npts, res, fails = check_case(case, V, X, Y, Z, outputs, ndi)
-                checks.append((idx, npts, res))
-                failures += fails
-            elif bits_by_threads[t] != bits_by_threads[threads[0]]:
-                failures.append(f"{case.name}: ours gives different bits at {t} threads")
-            if failures:
-                for f in failures:
-                    print("DISAGREEMENT: " + f, file=sys.stderr)
-                sys.exit("compare.py: implementations disagree beyond rounding; no timings reported")
-            del outputs
-
-            reps = {name: calibrate(fn, args.sample_time) for name, fn in fns.items()}
-            samples = {name: [] for name in fns}
-            util = {name: [] for name in fns}
-            names = list(fns)
-            for r in range(args.reps):
-                rot = names[r % len(names):] + names[:r % len(names)]
-                for name in rot:
-                    dt, u = time_sample(fns[name], reps[name])
-                    samples[name].append(dt)
-                    util[name].append(u)
-            med = {name: statistics.median(s) for name, s in samples.items()}
-            results.append({
-                "case": idx, "name": case.name, "workload": case.workload, "n": case.n,
-                "type": case.type, "method": case.method, "threads": t,
-                "mpts": {name: POINTS / med[name] / 1e6 for name in fns},
-                "cpu_per_wall": {name: statistics.median(util[name]) for name in fns},
-                "spread": {name: (max(s) - min(s)) / med[name] for name, s in samples.items()},
-            })
-            print(f"# done {case.name} threads={t}", file=sys.stderr)
+        med, util = time_interleaved(fns, args.reps, args.sample_time)
+        results.append({"case": idx, "name": case.name, "threads": threads,
+                        "mpts": {name: POINTS / med[name] / 1e6 for name in fns},
+                        "cpu_per_wall": util})
+        print(f"# done {case.name} threads={threads}", file=sys.stderr, flush=True)
         del fns
+    with open(args.child, "w") as f:
+        json.dump({"results": results, "checks": checks, "digests": digests}, f)
+    return 0
 
-    load_after = open("/proc/loadavg").read().split()[:3]
+
+def print_tables(args, impl_names, cases, results, checks, kernels):
     primary = impl_names[0]
-    print(f"# loadavg after {' '.join(load_after)}")
-    print()
+    has_torch, has_scipy = "torch" in impl_names, "scipy" in impl_names
     print("Million query points per second (median of interleaved repetitions; higher is better).")
     print(f"Ratios use {primary}. scipy is single-threaded at every setting. 'cpu/wall' is the "
           "process CPU time over wall time while ours, torch ran (threads actually busy).")
     print()
-    head = ["workload", "thr"] + impl_names + [f"ours/torch" if torch else None,
-                                                "ours/scipy" if not args.no_scipy else None,
-                                                "ours/stream", "cpu/wall ours,torch" if torch else "cpu/wall ours"]
-    head = [h for h in head if h]
+    head = (["workload", "thr"] + impl_names + (["ours/torch"] if has_torch else [])
+            + (["ours/scipy"] if has_scipy else []) + ["ours/stream"]
+            + ["cpu/wall ours" + (",torch" if has_torch else "")])
     print("| " + " | ".join(head) + " |")
     print("|" + "|".join(["---"] + ["--:"] * (len(head) - 1)) + "|")
     for r in sorted(results, key=lambda r: (r["case"], r["threads"])):
-        m = r["mpts"]
+        m, cw = r["mpts"], r["cpu_per_wall"]
         row = [r["name"], str(r["threads"])] + [fmt_rate(m[name]) for name in impl_names]
-        if torch:
+        if has_torch:
             row.append(f"{m[primary] / m['torch']:.2f}")
-        if not args.no_scipy:
+        if has_scipy:
             row.append(f"{m[primary] / m['scipy']:.2f}")
         row.append(f"{m[primary] / m['stream']:.3f}")
-        cw = r["cpu_per_wall"]
-        row.append(f"{cw[primary]:.2f}" + (f",{cw['torch']:.2f}" if torch else ""))
+        row.append(f"{cw[primary]:.2f}" + (f",{cw['torch']:.2f}" if has_torch else ""))
         print("| " + " | ".join(row) + " |")
     print()
     print("Agreement with a float64 reference (map_coordinates in double) on interior points, "
@@ -569,18 +568,78 @@ def main():
           "(16 eps max|V|, plus torch's coordinate rounding). Ours also gives the same bits at "
           "every thread count" + (" and with every kernel set." if len(kernels) > 1 else "."))
     print()
-    impls_checked = [n for n in impl_names if n != "stream"]
-    print("| workload | points | " + " | ".join(impls_checked) + " | tolerance (ours / torch) |")
-    print("|---|--:|" + "--:|" * len(impls_checked) + "--:|")
+    checked = [n for n in impl_names if n != "stream"]
+    print("| workload | points | " + " | ".join(checked) + " | tolerance (ours / torch) |")
+    print("|---|--:|" + "--:|" * len(checked) + "--:|")
     for idx, npts, res in sorted(checks, key=lambda c: c[0]):
         d = {impl: (diff, tol) for impl, diff, tol, ok in res}
         tols = f"{d[impl_names[0]][1]:.2g}" + (f" / {d['torch'][1]:.2g}" if "torch" in d else "")
-        print(f"| {cases[idx].name} | {npts} | " + " | ".join(f"{d[i][0]:.3g}" for i in impls_checked)
+        print(f"| {cases[idx].name} | {npts} | " + " | ".join(f"{d[i][0]:.3g}" for i in checked)
               + f" | {tols} |")
+
+
+def main():
+    args = parse_args()
+    if args.child:
+        return run_child(args)
+
+    p = paths(args)
+    cpus = len(os.sched_getaffinity(0))
+    threads = sorted({int(t) for t in args.threads.split(",")} if args.threads else {1, cpus})
+    kernels, labels, supported = kernel_sets(args, p["probe"])
+    impl_names = impl_names_of(args, kernels, labels)
+    cases = selected_cases(args)
+    model, simd = machine_info()
+    import scipy
+    versions = f"python {platform.python_version()}, numpy {np.__version__}, scipy {scipy.__version__}"
+    if not args.no_torch:
+        import torch
+        versions += f", torch {torch.__version__}"
+    load_before = open("/proc/loadavg").read().split()[:3]
+    print(f"# compare.py  {datetime.datetime.now().isoformat(timespec='seconds')}")
+    print(f"# git {git_state()}; library {p['lib']}")
+    print(f"# ours: kernel sets {', '.join(labels[k] for k in kernels)} "
+          f"(supported here: {', '.join(supported)})")
+    print(f"# cpu {model}; simd {' '.join(simd)}; cpus usable {cpus} (nproc {os.cpu_count()}); "
+          f"threads {threads}, one process each (ours and stream: HL_NUM_THREADS; torch: "
+          f"torch.set_num_threads)")
+    print(f"# {versions}")
+    print(f"# reps {args.reps}, sample >= {args.sample_time}s; loadavg before {' '.join(load_before)}",
+          flush=True)
+
+    # One process per thread count: the Halide runtime's pool is sized once.
+    # Changing it later with halide_set_num_threads does not work as asked
+    # here: a pool started on 2 threads keeps both at work when asked for 1,
+    # and a pool grown from 1 to 2 ran these short row tasks far slower than
+    # one started on 2.
+    results, checks, digests = [], None, None
+    with tempfile.TemporaryDirectory(prefix="qzbench-") as tmp:
+        for t in threads:
+            out = Path(tmp) / f"threads{t}.json"
+            child_args = ["--build", args.build, "--kernels", args.kernels, "--reps", str(args.reps),
+                          "--sample-time", str(args.sample_time)]
+            child_args += ["--quick"] * args.quick + ["--no-torch"] * args.no_torch
+            child_args += ["--no-scipy"] * args.no_scipy + (["--filter", args.filter] if args.filter else [])
+            env = dict(os.environ, HL_NUM_THREADS=str(t))
+            rc = subprocess.run([sys.executable, str(Path(__file__).resolve()), *child_args,
+                                 "--child", str(out)], env=env).returncode
+            if rc != 0:
+                sys.exit(f"compare.py: the run on {t} threads failed (exit status {rc})")
+            data = json.loads(out.read_text())
+            results += data["results"]
+            if checks is None:
+                checks, digests = data["checks"], data["digests"]
+            elif data["digests"] != digests:
+                bad = [cases[int(i)].name for i in digests if data["digests"].get(i) != digests[i]]
+                sys.exit(f"compare.py: ours gives different bits at {t} threads: {', '.join(bad)}")
+    load_after = open("/proc/loadavg").read().split()[:3]
+    print(f"# loadavg after {' '.join(load_after)}")
+    print()
+    print_tables(args, impl_names, cases, results, checks, kernels)
     if args.json:
         with open(args.json, "w") as f:
             json.dump({"kernels": labels, "threads": threads, "cpu": model, "results": results,
-                       "load_before": load_before, "load_after": load_after}, f, indent=1)
+                       "checks": checks, "load_before": load_before, "load_after": load_after}, f, indent=1)
     return 0
 
 

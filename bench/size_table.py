@@ -1,9 +1,10 @@
 #!/usr/bin/python3
-"""Turns qz_bench's JSON into a Markdown table of million points per second,
-one row per entry, workload and thread count, one column per volume size.
+"""Turns qz_bench's JSON reports into one Markdown table of million points
+per second, one row per entry, workload and thread count, one column per
+volume size (medians when the runs were repeated).
 
-    build-bench/bench/qz_bench --benchmark_filter=... --benchmark_format=json > run.json
-    /usr/bin/python3 bench/size_table.py run.json
+    HL_NUM_THREADS=1 build-bench/bench/qz_bench --benchmark_filter=... --benchmark_format=json > t1.json
+    /usr/bin/python3 bench/size_table.py t1.json [t2.json ...]
 """
 
 import json
@@ -12,13 +13,14 @@ import sys
 
 
 def main():
-    if len(sys.argv) != 2:
+    if len(sys.argv) < 2:
         sys.exit(__doc__)
-    with open(sys.argv[1]) as f:
-        report = json.load(f)
-    ctx = report.get("context", {})
+    reports = []
+    for path in sys.argv[1:]:
+        with open(path) as f:
+            reports.append(json.load(f))
     rows, sizes, streams = {}, set(), []
-    for b in report["benchmarks"]:
+    for b in (b for r in reports for b in r["benchmarks"]):
         if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
             continue
         name = b.get("run_name", b["name"])
@@ -33,8 +35,13 @@ def main():
         if m:
             streams.append((m.group(1), int(m.group(2)), rate))
     sizes = sorted(sizes)
-    print(f"qz_bench, kernel set {ctx.get('qz_kernel_set', '?')}, "
-          f"{ctx.get('num_cpus', '?')} cpus, load {ctx.get('load_avg', '?')}; million points per second")
+    for r in reports:
+        ctx = r.get("context", {})
+        print(f"qz_bench {ctx.get('date', '')}: kernel set {ctx.get('qz_kernel_set', '?')}, "
+              f"{ctx.get('qz_threads', '?')} threads of {ctx.get('num_cpus', '?')} cpus, "
+              f"load {' '.join(f'{x:.2f}' for x in ctx.get('load_avg', []))}")
+    print()
+    print("Million points per second.")
     print()
     print("| entry | workload | threads | " + " | ".join(f"{n}^3" for n in sizes) + " |")
     print("|---|---|--:|" + "--:|" * len(sizes))
