@@ -11,10 +11,13 @@
 // cannot replace malloc (the sanitizer owns it); there the sanitizer's
 // allocation hook does the counting instead.
 //
-// The runtime's thread pool is created at its first parallel-for, and
-// creating it may allocate (thread start-up, the pool's bookkeeping). The
-// tests therefore warm it up with one parallel call before counting; what
-// the warm-up allocated is reported, not judged.
+// The runtime's thread pool starts its worker threads at its first
+// parallel-for, and starting a thread allocates (the C library's thread
+// set-up; under a sanitizer, also its bookkeeping, in the new thread itself,
+// after pthread_create has returned). The test therefore warms the pool up
+// until a row task has run on a worker thread - which proves the worker has
+// finished starting - before counting; what the warm-up allocated is
+// reported, not judged.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -33,8 +36,12 @@
 #include "sanitizer_build.h"
 
 #if defined(QZ_UNDER_ASAN) || defined(QZ_UNDER_TSAN)
-#include <sanitizer/allocator_interface.h>
 #define QZ_COUNT_WITH_SANITIZER_HOOK 1
+// Exported by the sanitizer runtimes of GCC and clang alike (GCC ships no
+// header for it).
+extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*malloc_hook)(const volatile void*,
+                                                                             size_t),
+                                                         void (*free_hook)(const volatile void*));
 #endif
 
 namespace qzrobust {
@@ -238,31 +245,67 @@ void prepare_all(std::vector<PreparedCall>& calls, std::vector<std::shared_ptr<v
 #undef QZ_PREPARE
 }
 
+// Counts the row tasks that the pool runs on threads other than the caller.
+// A task on the caller waits (a bounded number of yields) for a worker to
+// take one, so that the worker gets its turn however fast the rows are.
+thread_local bool t_is_caller = false;
+std::atomic<int64_t> g_tasks_on_workers{0};
+int observing_do_task(void* uc, halide_task_t f, int idx, uint8_t* closure) {
+  if (!t_is_caller) {
+    g_tasks_on_workers.fetch_add(1);
+  } else {
+    for (int i = 0; i < 10000000 && g_tasks_on_workers.load() == 0; ++i) std::this_thread::yield();
+  }
+  return f(uc, idx, closure);
+}
+
 TEST(NoAllocation, NoCallOnEitherPathAllocates) {
   if (!kRealPoolUsable) GTEST_SKIP() << "the runtime's pool is not instrumented";
   std::vector<PreparedCall> calls;
   std::vector<std::shared_ptr<void>> keep;
   prepare_all(calls, keep, 40);
   ASSERT_EQ(48u, calls.size());
+  int parallel_calls = 0;
+  for (const PreparedCall& c : calls) parallel_calls += c.parallel;
+  ASSERT_EQ(32, parallel_calls);
 
-  // Warm-up: the pool starts its threads at its first parallel-for.
-  const int64_t warm_up = allocations_during([&] { (void)calls[1].call(); });
+  // Warm-up, with one worker thread (two threads working, the caller
+  // included), until a row task has run on it. The observing do_task stays
+  // in place while counting, so that every parallel call below has at least
+  // one of its rows run by the worker.
+  const int previous_threads = halide_set_num_threads(2);
+  t_is_caller = true;
+  const halide_do_task_t previous_do_task = halide_set_custom_do_task(&observing_do_task);
+  int64_t warm_up = 0;
+  for (int attempt = 0; attempt < 1000 && g_tasks_on_workers.load() == 0; ++attempt) {
+    warm_up += allocations_during([&] { (void)calls[1].call(); });
+  }
+  ASSERT_GT(g_tasks_on_workers.load(), 0) << "no row task ever ran on a worker thread";
   std::cout << "allocations while the runtime's pool started: " << warm_up << "\n";
 
   for_each_supported_kernel_set([&](const char* set) {
     (void)qzinterp3d::active_kernel_set();
-    int parallel_calls = 0;
-    for (const PreparedCall& c : calls) parallel_calls += c.parallel;
-    ASSERT_EQ(32, parallel_calls);
     std::vector<int> statuses(calls.size(), -1);
+    std::vector<int64_t> worker_rows(calls.size(), -1);
     for (int repeat = 0; repeat < 3; ++repeat) {
       const int64_t n = allocations_during([&] {
-        for (size_t i = 0; i < calls.size(); ++i) statuses[i] = calls[i].call();
+        for (size_t i = 0; i < calls.size(); ++i) {
+          g_tasks_on_workers = 0;
+          statuses[i] = calls[i].call();
+          worker_rows[i] = g_tasks_on_workers.load();
+        }
       });
       EXPECT_EQ(0, n) << "allocations during " << calls.size() << " calls with kernel set " << set;
-      for (int s : statuses) EXPECT_EQ(0, s);
+      for (size_t i = 0; i < calls.size(); ++i) {
+        EXPECT_EQ(0, statuses[i]);
+        if (calls[i].parallel) {
+          EXPECT_GT(worker_rows[i], 0) << "call " << i << " ran no row on the worker";
+        }
+      }
     }
   });
+  halide_set_custom_do_task(previous_do_task);
+  halide_set_num_threads(previous_threads);
 }
 
 // The same calls, the rows on the calling thread and with the runtime's
