@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kernels/dispatch.h"
+#include "support/random_inputs.h"
 #include "support/reference.h"
 #include "support/test_buffer.h"
 #include "support/variants.h"
@@ -25,46 +26,8 @@ namespace qzrobust {
 
 using qztest::TestBuffer;
 
-template <class S>
-S random_sample(std::mt19937_64& rng) {
-  if constexpr (std::is_floating_point_v<S>) {
-    std::uniform_real_distribution<S> d(-1000, 1000);
-    return d(rng);
-  } else {
-    std::uniform_int_distribution<int64_t> d(std::numeric_limits<S>::min(),
-                                             std::numeric_limits<S>::max());
-    return static_cast<S>(d(rng));
-  }
-}
-
-// Coordinates of every kind: inside, integers, halves, the edges, just
-// outside, NaN, infinities and huge magnitudes.
-template <class C>
-C random_coord(std::mt19937_64& rng, int32_t n) {
-  std::uniform_int_distribution<int> pick(0, 15);
-  std::uniform_real_distribution<C> inside(C(1), C(n > 1 ? n : 2));
-  std::uniform_int_distribution<int32_t> integer(0, n + 1);
-  switch (pick(rng)) {
-    case 0:
-      return std::numeric_limits<C>::quiet_NaN();
-    case 1:
-      return std::numeric_limits<C>::infinity();
-    case 2:
-      return -std::numeric_limits<C>::infinity();
-    case 3:
-      return C(integer(rng));
-    case 4:
-      return C(integer(rng)) + C(0.5);
-    case 5:
-      return C(n) + C(0.25);
-    case 6:
-      return C(3e9);
-    case 7:
-      return C(-3e9);
-    default:
-      return inside(rng);
-  }
-}
+using qztest::random_coord;
+using qztest::random_sample;
 
 // The shape of one call.
 struct Shape {
