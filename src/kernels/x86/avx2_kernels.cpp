@@ -13,8 +13,13 @@
 #include "kernels/sample.h"
 #include "kernels/x86/x86_kernels.h"
 
+// GCC and clang each mark the region's functions for the instruction set.
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx2,fma"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx2,fma")
+#endif
 
 #define QZ_TARGET_NS avx2
 
@@ -23,7 +28,11 @@
 
 #include "kernels/row_kernel-inl.h"
 
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 namespace qzinterp3d {
 

@@ -13,13 +13,20 @@
 #include "kernels/sample.h"
 #include "kernels/x86/x86_kernels.h"
 
+// GCC and clang each mark the region's functions for the instruction set.
+#if defined(__clang__)
+#pragma clang attribute push(__attribute__((target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma"))), apply_to = function)
+#else
 #pragma GCC push_options
 #pragma GCC target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma")
+#endif
 // GCC 12's own AVX-512 headers start some intrinsics from an "undefined"
 // vector and then warn about it; the warning is about the header, not us.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
+#if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 
 #define QZ_TARGET_NS avx512
 
@@ -29,7 +36,11 @@
 #include "kernels/row_kernel-inl.h"
 
 #pragma GCC diagnostic pop
+#if defined(__clang__)
+#pragma clang attribute pop
+#else
 #pragma GCC pop_options
+#endif
 
 namespace qzinterp3d {
 
