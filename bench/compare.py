@@ -597,7 +597,8 @@ def main():
         versions += f", torch {torch.__version__}"
     load_before = open("/proc/loadavg").read().split()[:3]
     print(f"# compare.py  {datetime.datetime.now().isoformat(timespec='seconds')}")
-    print(f"# git {git_state()}; library {p['lib']}")
+    built = datetime.datetime.fromtimestamp(p["lib"].stat().st_mtime).isoformat(timespec="seconds")
+    print(f"# git {git_state()}; library {p['lib']} (built {built})")
     print(f"# ours: kernel sets {', '.join(labels[k] for k in kernels)} "
           f"(supported here: {', '.join(supported)})")
     print(f"# cpu {model}; simd {' '.join(simd)}; cpus usable {cpus} (nproc {os.cpu_count()}); "
