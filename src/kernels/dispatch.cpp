@@ -110,6 +110,19 @@ void note_row_run(const KernelSet& set) {
   }
 }
 
+namespace {
+std::atomic<uint64_t> g_window_groups_served{0}, g_window_groups_gathered{0};
+}
+
+void note_window_groups(uint64_t served, uint64_t gathered) {
+  g_window_groups_served.fetch_add(served, std::memory_order_relaxed);
+  g_window_groups_gathered.fetch_add(gathered, std::memory_order_relaxed);
+}
+
+WindowGroups window_groups() {
+  return {g_window_groups_served.load(), g_window_groups_gathered.load()};
+}
+
 uint64_t rows_run_by(const char* name) {
   const Registry& r = registry();
   for (int i = 0; i < r.count; ++i) {

@@ -30,6 +30,15 @@ bool force_kernel_set(const char* name);
 // forced set really computed its rows.
 void note_row_run(const KernelSet& set);
 uint64_t rows_run_by(const char* name);
+
+// And the wide groups that windows served or that were gathered instead
+// (after windows fell short, or while gathering was preferred), so a test
+// can tell which way coherent points were read.
+struct WindowGroups {
+  uint64_t served, gathered;
+};
+void note_window_groups(uint64_t served, uint64_t gathered);
+WindowGroups window_groups();
 #endif
 
 }  // namespace qzinterp3d

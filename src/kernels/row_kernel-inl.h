@@ -20,6 +20,13 @@
 // Optionally (has_x_pair_gather), gather_x_pairs<Sample>(base, offsets, p,
 //   first, second): the samples at offsets and offsets + 1 of each lane,
 //   where p is the lane's x index (0 <= p <= nx - 2), so both lie in the row.
+// Optionally (has_window_loads, with offset vectors), reads of `lanes`
+//   consecutive samples handed out to the lanes by permutes (see Windows):
+//   IndexMask with bits / mask_of_bits, sub_index, clamp_index(i, lo, hi),
+//   broadcast_lane(i, lane), first_lane(i) (lane 0 as an int32),
+//   index_within(rel, max) (unsigned rel <= max), load_window<Sample>(p)
+//   (`lanes` samples from p, converted), permute(window, rel) and
+//   permute_into(dst, mask, window, rel).
 
 #include "kernels/blend.h"  // blend formulas for this target
 
@@ -32,8 +39,34 @@ concept HasOffsetVectors = Ops::has_offset_vectors;
 template <class Ops>
 concept HasXPairGather = Ops::has_x_pair_gather;
 
-template <class Ops, class Sample, bool OffsetVectors>
+template <class Ops>
+concept HasWindowLoads = Ops::has_window_loads;
+
+// The lowest and highest offsets any read of the grid can have (every index
+// clamped into [0, n - 1]). Windows read only inside this range, so they
+// touch no memory that the grid's own samples do not span.
+struct OffsetRange {
+  int32_t lo = 0, hi = 0;
+};
+
+// Margin kept below the 32-bit limits by the offset-vector path, so that
+// placing a window (an offset minus at most half a vector) cannot wrap.
+inline constexpr int32_t window_margin = 64;
+
+// Windows compare offsets with window starts as unsigned differences, which
+// needs every two offsets of the grid to lie within 2^31 of each other.
+inline bool windows_fit(const OffsetRange& range) {
+  return int64_t{range.hi} - range.lo <= INT32_MAX - window_margin;
+}
+
+// How a group reads its samples: offsets in 64 bits lane by lane; offsets
+// in 32-bit vector lanes with gathers; or the same with windows first (and
+// gathers for the lanes they miss).
+enum class Fetch : uint8_t { per_lane, gathers, windows };
+
+template <class Ops, class Sample, Fetch F>
 struct GroupKernel {
+  static constexpr bool OffsetVectors = F != Fetch::per_lane;
   using C = typename Ops::Coord;
   using V = typename Ops::V;
   using Mask = typename Ops::Mask;
@@ -63,31 +96,34 @@ struct GroupKernel {
     return q;
   }
 
-  static inline void nearest(const Grid<Sample>& g, const C* xs, const C* ys, const C* zs,
-                             C* out) {
+  // Both methods return false when windows did not serve the group and it
+  // was gathered instead.
+  static inline bool nearest(const Grid<Sample>& g, const OffsetRange& range, const C* xs,
+                             const C* ys, const C* zs, C* out) {
     const Query q = load_query(g, xs, ys, zs);
     // Round to nearest, ties to even.
     const Index ix = Ops::clamp(Ops::to_index(Ops::round_even(q.dx)), last_index(g.nx));
     const Index iy = Ops::clamp(Ops::to_index(Ops::round_even(q.dy)), last_index(g.ny));
     const Index iz = Ops::clamp(Ops::to_index(Ops::round_even(q.dz)), last_index(g.nz));
-    const V value = fetch_sample(g, ix, iy, iz);
+    bool windows_sufficed = true;
+    const V value = fetch_sample(g, range, ix, iy, iz, windows_sufficed);
     Ops::store(out, Ops::select(q.outside, Ops::set1(g.fill), value));
+    return windows_sufficed;
   }
 
   // The one sample of each lane.
-  static inline V fetch_sample(const Grid<Sample>& g, Index ix, Index iy, Index iz) {
+  static inline V fetch_sample(const Grid<Sample>& g, const OffsetRange& range, Index ix, Index iy,
+                               Index iz, bool& windows_sufficed) {
     if constexpr (OffsetVectors) {
       const Index yz = Ops::add_index(Ops::mul_index(iy, g.stride1), Ops::mul_index(iz, g.stride2));
       const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
-      if constexpr (HasXPairGather<Ops> && sizeof(Sample) < 4) {
-        // Narrow samples are read in pairs (see fetch_corners): at
-        // p = min(ix, nx - 2), keeping the one at ix.
-        const Index p = Ops::min_index(ix, last_index(g.nx) - 1);
-        V first, second;
-        Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
-        return Ops::select_by_index_mask(Ops::index_gt(ix, p), second, first);
+      if constexpr (F == Fetch::windows) {
+        V value;
+        if (Windows::sample(g, range, Ops::add_index(row, ix), value)) [[likely]] return value;
+        windows_sufficed = false;
+        return gather_sample(g, row, ix);
       } else {
-        return Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
+        return gather_sample(g, row, ix);
       }
     } else {
       // Offsets in 64 bits, lane by lane.
@@ -104,13 +140,133 @@ struct GroupKernel {
     }
   }
 
+  // The sample at row + ix of each lane, by gathering (offset vectors).
+  static inline V gather_sample(const Grid<Sample>& g, Index row, Index ix) {
+    if constexpr (HasXPairGather<Ops> && sizeof(Sample) < 4) {
+      // Narrow samples are read in pairs (see gather_pair): at
+      // p = min(ix, nx - 2), keeping the one at ix.
+      const Index p = Ops::min_index(ix, last_index(g.nx) - 1);
+      V first, second;
+      Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
+      return Ops::select_by_index_mask(Ops::index_gt(ix, p), second, first);
+    } else {
+      return Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
+    }
+  }
+
+  // The samples at row + ix0 and row + ix1 of each lane, by gathering.
+  static inline void gather_pair(const Grid<Sample>& g, Index row, Index ix0, Index ix1, V& lower,
+                                 V& upper) {
+    if constexpr (HasXPairGather<Ops>) {
+      // Both from one read of two adjacent samples at p = min(ix0, nx - 2):
+      // ix0 and ix1 are each p or p + 1 (row kernels run only for
+      // nx > W >= 2), so every read stays in the row.
+      const Index p = Ops::min_index(ix0, last_index(g.nx) - 1);
+      V first, second;
+      Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
+      lower = Ops::select_by_index_mask(Ops::index_gt(ix0, p), second, first);
+      upper = Ops::select_by_index_mask(Ops::index_gt(ix1, p), second, first);
+    } else {
+      lower = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix0));
+      upper = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix1));
+    }
+  }
+
   // The eight corner samples of each lane (digits: x, y, z; 0 = lower).
   struct Corners {
     V v000, v100, v010, v110, v001, v101, v011, v111;
   };
 
-  static inline Corners fetch_corners(const Grid<Sample>& g, Index ix0, Index ix1, Index iy0,
-                                      Index iy1, Index iz0, Index iz1) {
+  // Windows: `lanes` consecutive samples of the grid read with one vector
+  // load and handed to every lane whose sample (or pair of x corners) lies
+  // inside by a permute. The lanes of a coherent run of query points (an
+  // oblique slice, an upsampling grid) mostly read from one or two short
+  // stretches of a grid row, so loads and permutes replace gathers, which
+  // are slow on many CPUs. The values are the same samples, converted the
+  // same way; only the way they are read differs. Two windows are placed
+  // for the first and the last lane, so a run that crosses from one grid row
+  // to the next within the group is served too; when lanes are left over
+  // the caller gathers the group instead.
+  struct Windows {
+    // A window starts this many samples before the offset it is placed for,
+    // so that lanes on either side of that one fit.
+    static constexpr int32_t slack = N / 2 - 1;
+    static constexpr uint32_t all_lanes = (uint32_t{1} << N) - 1;
+
+    // The two windows for offsets o, their starts kept in [lo, hi].
+    struct Pair {
+      int32_t first_start, last_start;
+      Index first_rel, last_rel;  // o less each start
+      uint32_t from_last;         // lanes served by the last lane's window only
+    };
+
+    // False when some lane fits neither window; `reach` is how far past its
+    // offset each lane reads (1 for an x pair, 0 for one sample).
+    static inline bool place(Index o, int64_t lo, int64_t hi, int32_t reach, Pair& w) {
+      if (lo > hi) return false;  // the grid is shorter than a window
+      const Index starts = Ops::clamp_index(Ops::sub_index(o, Ops::set1_index(slack)),
+                                            static_cast<int32_t>(lo), static_cast<int32_t>(hi));
+      const Index first = Ops::broadcast_lane(starts, 0), last = Ops::broadcast_lane(starts, N - 1);
+      w.first_start = Ops::first_lane(first);
+      w.last_start = Ops::first_lane(last);
+      w.first_rel = Ops::sub_index(o, first);
+      w.last_rel = Ops::sub_index(o, last);
+      // Unsigned: offsets below a start wrap to large values (the offsets
+      // and starts are within 2^31 of each other).
+      const uint32_t from_first = Ops::bits(Ops::index_within(w.first_rel, N - 1 - reach));
+      w.from_last = ~from_first & Ops::bits(Ops::index_within(w.last_rel, N - 1 - reach));
+      return (from_first | w.from_last) == all_lanes;
+    }
+
+    // The lanes' samples at rel (and rel + step) in the two windows that
+    // start `delta` past the placed ones.
+    static inline V read(const Grid<Sample>& g, const Pair& w, int64_t delta, Index first_rel,
+                         Index last_rel) {
+      const V first = Ops::template load_window<Sample>(g.host + (w.first_start + delta));
+      const V last = Ops::template load_window<Sample>(g.host + (w.last_start + delta));
+      return Ops::permute_into(Ops::permute(first, first_rel), Ops::mask_of_bits(w.from_last),
+                               last, last_rel);
+    }
+
+    // One sample per lane at offsets o. False (and nothing read) when the
+    // two windows do not serve every lane.
+    static inline bool sample(const Grid<Sample>& g, const OffsetRange& range, Index o, V& value) {
+      Pair w;
+      if (!place(o, range.lo, int64_t{range.hi} - (N - 1), 0, w)) return false;
+      value = read(g, w, 0, w.first_rel, w.last_rel);
+      return true;
+    }
+
+    // The eight corners of each lane, from the offsets o of its lower x
+    // corner in the (y0, z0) grid row, its x step (0 or 1), and the y and z
+    // offset steps dy, dz, the same for every lane: the other three grid
+    // rows are then the first one moved by dy, dz and dy + dz, and the two
+    // windows placed for the first row serve them all, moved alike. False
+    // (and nothing read) when they do not serve every lane.
+    static inline bool corners(const Grid<Sample>& g, const OffsetRange& range, Index o,
+                               Index step, int64_t dy, int64_t dz, Corners& c) {
+      // Every moved window must lie in the grid's range too.
+      const int64_t lo = int64_t{range.lo} - (dy < 0 ? dy : 0) - (dz < 0 ? dz : 0);
+      const int64_t hi = int64_t{range.hi} - (N - 1) - (dy > 0 ? dy : 0) - (dz > 0 ? dz : 0);
+      Pair w;
+      if (!place(o, lo, hi, 1, w)) return false;
+      const Index first_upper = Ops::add_index(w.first_rel, step);
+      const Index last_upper = Ops::add_index(w.last_rel, step);
+      c.v000 = read(g, w, 0, w.first_rel, w.last_rel);
+      c.v100 = read(g, w, 0, first_upper, last_upper);
+      c.v010 = read(g, w, dy, w.first_rel, w.last_rel);
+      c.v110 = read(g, w, dy, first_upper, last_upper);
+      c.v001 = read(g, w, dz, w.first_rel, w.last_rel);
+      c.v101 = read(g, w, dz, first_upper, last_upper);
+      c.v011 = read(g, w, dy + dz, w.first_rel, w.last_rel);
+      c.v111 = read(g, w, dy + dz, first_upper, last_upper);
+      return true;
+    }
+  };
+
+  static inline Corners fetch_corners(const Grid<Sample>& g, const OffsetRange& range, Index ix0,
+                                      Index ix1, Index iy0, Index iy1, Index iz0, Index iz1,
+                                      bool& windows_sufficed) {
     if constexpr (!OffsetVectors) {
       return corners_by_lanes(g, ix0, ix1, iy0, iy1, iz0, iz1);
     } else {
@@ -121,29 +277,29 @@ struct GroupKernel {
       const Index zhi = Ops::add_index(Ops::mul_index(iz1, g.stride2), origin);
       const Index rows[4] = {Ops::add_index(ylo, zlo), Ops::add_index(yhi, zlo),
                              Ops::add_index(ylo, zhi), Ops::add_index(yhi, zhi)};
-      Corners c;
-      V* lower[4] = {&c.v000, &c.v010, &c.v001, &c.v011};
-      V* upper[4] = {&c.v100, &c.v110, &c.v101, &c.v111};
-      if constexpr (HasXPairGather<Ops>) {
-        // Both x corners of a row from one read of two adjacent samples at
-        // p = min(ix0, nx - 2): ix0 and ix1 are each p or p + 1 (row kernels
-        // run only for nx > W >= 2), so every read stays in the row.
-        const Index p = Ops::min_index(ix0, last_index(g.nx) - 1);
-        const auto lower_is_second = Ops::index_gt(ix0, p);
-        const auto upper_is_second = Ops::index_gt(ix1, p);
-        for (int r = 0; r < 4; ++r) {
-          V first, second;
-          Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(rows[r], p), p, first,
-                                               second);
-          *lower[r] = Ops::select_by_index_mask(lower_is_second, second, first);
-          *upper[r] = Ops::select_by_index_mask(upper_is_second, second, first);
+      if constexpr (F == Fetch::windows) {
+        // Inside the grid each upper index is the lower one or the next, so
+        // the x step is 0 or 1, and a lane's four grid rows are its first
+        // moved by 0 or one stride along y and z; when every lane moves
+        // alike, one pair of windows serves all four rows.
+        constexpr uint32_t all = Windows::all_lanes;
+        const uint32_t y_up = Ops::bits(Ops::index_gt(iy1, iy0));
+        const uint32_t z_up = Ops::bits(Ops::index_gt(iz1, iz0));
+        if ((y_up == 0 || y_up == all) && (z_up == 0 || z_up == all)) [[likely]] {
+          Corners c;
+          const int64_t dy = y_up ? g.stride1 : 0, dz = z_up ? g.stride2 : 0;
+          if (Windows::corners(g, range, Ops::add_index(rows[0], ix0), Ops::sub_index(ix1, ix0),
+                               dy, dz, c)) [[likely]] {
+            return c;
+          }
         }
-      } else {
-        for (int r = 0; r < 4; ++r) {
-          *lower[r] = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(rows[r], ix0));
-          *upper[r] = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(rows[r], ix1));
-        }
+        windows_sufficed = false;
       }
+      Corners c;
+      gather_pair(g, rows[0], ix0, ix1, c.v000, c.v100);
+      gather_pair(g, rows[1], ix0, ix1, c.v010, c.v110);
+      gather_pair(g, rows[2], ix0, ix1, c.v001, c.v101);
+      gather_pair(g, rows[3], ix0, ix1, c.v011, c.v111);
       return c;
     }
   }
@@ -180,8 +336,8 @@ struct GroupKernel {
   }
 
   template <BlendPlan P>
-  static inline void trilinear(const Grid<Sample>& g, const C* xs, const C* ys, const C* zs,
-                               C* out) {
+  static inline bool trilinear(const Grid<Sample>& g, const OffsetRange& range, const C* xs,
+                               const C* ys, const C* zs, C* out) {
     const V one = Ops::set1(C(1));
     const V two = Ops::set1(C(2));
     const Query q = load_query(g, xs, ys, zs);
@@ -200,48 +356,91 @@ struct GroupKernel {
     const V wyl = Ops::sub(two, ty), wyu = Ops::sub(ty, one);
     const V wzl = Ops::sub(two, tz);
 
-    const Corners c = fetch_corners(g, ix0, ix1, iy0, iy1, iz0, iz1);
+    bool windows_sufficed = true;
+    const Corners c = fetch_corners(g, range, ix0, ix1, iy0, iy1, iz0, iz1, windows_sufficed);
     const V r = Trilinear<P, Ops>::eval(c.v000, c.v100, c.v010, c.v110, c.v001, c.v101, c.v011,
                                         c.v111, wxl, wxu, wyl, wyu, tz, wzl);
     Ops::store(out, Ops::select(q.outside, Ops::set1(g.fill), r));
+    return windows_sufficed;
   }
 };
 
-// One group of Ops::lanes columns of a block of the given kind.
+// One group of Ops::lanes columns of a block of the given kind. Returns
+// false when windows did not serve it.
 template <class Ops, Method M, class Sample, BlockKind Kind, bool FirstGroup,
-          bool OffsetVectors = false>
-inline void compute_group(const Grid<Sample>& g, const CoordOf<Sample>* xs,
-                          const CoordOf<Sample>* ys, const CoordOf<Sample>* zs,
-                          CoordOf<Sample>* out) {
-  using Kernel = GroupKernel<Ops, Sample, OffsetVectors>;
+          Fetch F = Fetch::per_lane>
+inline bool compute_group(const Grid<Sample>& g, const OffsetRange& range,
+                          const CoordOf<Sample>* xs, const CoordOf<Sample>* ys,
+                          const CoordOf<Sample>* zs, CoordOf<Sample>* out) {
+  using Kernel = GroupKernel<Ops, Sample, F>;
   if constexpr (M == Method::nearest) {
-    Kernel::nearest(g, xs, ys, zs, out);
+    return Kernel::nearest(g, range, xs, ys, zs, out);
   } else {
-    Kernel::template trilinear<blend_plan<Sample>(Kind, FirstGroup)>(g, xs, ys, zs, out);
+    return Kernel::template trilinear<blend_plan<Sample>(Kind, FirstGroup)>(g, range, xs, ys, zs,
+                                                                           out);
   }
 }
 
-// True when every offset the grid can produce, and every partial sum of one,
-// lies in [-(2^31 - 1), 2^31 - 1], so 32-bit arithmetic is exact.
+// True, with the range of the grid's offsets, when every offset the grid can
+// produce, and every partial sum of one, lies within the 32-bit limits less
+// window_margin, so that 32-bit arithmetic is exact.
 template <class Sample>
-inline bool offsets_fit_in_32_bits(const Grid<Sample>& g) {
+inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, OffsetRange& range) {
   auto span = [](int32_t n, int32_t stride) {
     const int64_t steps = n > 1 ? int64_t{n} - 1 : 0;
-    return steps * (stride < 0 ? -int64_t{stride} : int64_t{stride});
+    return steps * stride;
   };
-  const int64_t origin = g.origin < 0 ? -g.origin : g.origin;
-  if (origin > INT32_MAX) return false;
-  const int64_t reach = origin + span(g.nx, 1) + span(g.ny, g.stride1) + span(g.nz, g.stride2);
-  return reach <= INT32_MAX;
+  auto magnitude = [](int64_t v) { return v < 0 ? -v : v; };
+  const int64_t sy = span(g.ny, g.stride1), sz = span(g.nz, g.stride2);
+  constexpr int64_t limit = INT32_MAX - window_margin;
+  if (magnitude(g.origin) > limit) return false;
+  const int64_t reach = magnitude(g.origin) + span(g.nx, 1) + magnitude(sy) + magnitude(sz);
+  if (reach > limit) return false;
+  range.lo = static_cast<int32_t>(-g.origin + (sy < 0 ? sy : 0) + (sz < 0 ? sz : 0));
+  range.hi =
+      static_cast<int32_t>(-g.origin + span(g.nx, 1) + (sy > 0 ? sy : 0) + (sz > 0 ? sz : 0));
+  return true;
 }
 
 // Full blocks [c, end) in wide groups.
-template <class Wide, Method M, class Sample, bool OffsetVectors>
-inline int64_t wide_full_groups(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r,
-                                int64_t c, int64_t end) {
-  for (; c + Wide::lanes <= end; c += Wide::lanes) {
-    compute_group<Wide, M, Sample, BlockKind::full, false, OffsetVectors>(
-        g, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
+template <class Wide, Method M, class Sample, Fetch F>
+inline int64_t wide_full_groups(const Grid<Sample>& g, const OffsetRange& range,
+                                const RowSpan<CoordOf<Sample>>& r, int64_t c, int64_t end) {
+  if constexpr (F == Fetch::windows) {
+    // Windows pay off where two of them serve a group's lanes: coherent runs
+    // of points. Where groups often need more, the points are scattered
+    // across grid rows, and gathers are cheaper: once the groups that needed
+    // more outweigh those that did not (each counting four times as much),
+    // the next groups go straight to gathers before windows are tried again.
+    constexpr int gather_run = 16, threshold = 8;
+    int gather_groups = 0, shortfall = 0;
+    [[maybe_unused]] uint64_t served = 0, gathered = 0;
+    for (; c + Wide::lanes <= end; c += Wide::lanes) {
+      if (gather_groups > 0) {
+        --gather_groups;
+        ++gathered;
+        compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
+            g, range, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
+      } else if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
+                     g, range, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) {
+        ++served;
+        shortfall -= shortfall > 0;
+      } else {
+        ++gathered;
+        if ((shortfall += 4) >= threshold) {
+          shortfall = 0;
+          gather_groups = gather_run;
+        }
+      }
+    }
+#if defined(QZINTERP3D_KERNEL_PROBE)
+    note_window_groups(served, gathered);
+#endif
+  } else {
+    for (; c + Wide::lanes <= end; c += Wide::lanes) {
+      compute_group<Wide, M, Sample, BlockKind::full, false, F>(g, range, r.xq + c, r.yq + c,
+                                                                r.zq + c, r.vq + c);
+    }
   }
   return c;
 }
@@ -253,7 +452,11 @@ inline int64_t wide_full_groups(const Grid<Sample>& g, const RowSpan<CoordOf<Sam
 // because its lanes do not all follow one sequence.
 template <template <class> class WideOps, template <class> class NarrowOps, Method M,
           class Sample>
-void row(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r) {
+void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
+  // Local copies: the compiler then knows that the stores to the output do
+  // not change them, and keeps them in registers.
+  const Grid<Sample> g = grid;
+  const RowSpan<CoordOf<Sample>> r = span;
   using C = CoordOf<Sample>;
   using Wide = WideOps<C>;
   using Narrow = NarrowOps<C>;
@@ -261,22 +464,38 @@ void row(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r) {
   static_assert(W % Narrow::lanes == 0, "a block is a whole number of narrow groups");
   const int64_t full_columns = int64_t{r.full_blocks} * W;
   int64_t c = 0;
+  OffsetRange range;
   if constexpr (HasOffsetVectors<Wide>) {
-    c = offsets_fit_in_32_bits(g) ? wide_full_groups<Wide, M, Sample, true>(g, r, c, full_columns)
-                                  : wide_full_groups<Wide, M, Sample, false>(g, r, c, full_columns);
+    Fetch fetch = Fetch::per_lane;
+    if (offsets_fit_in_32_bits(g, range)) {
+      fetch = HasWindowLoads<Wide> && windows_fit(range) ? Fetch::windows : Fetch::gathers;
+    }
+    switch (fetch) {
+      case Fetch::per_lane:
+        c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, range, r, c, full_columns);
+        break;
+      case Fetch::gathers:
+        c = wide_full_groups<Wide, M, Sample, Fetch::gathers>(g, range, r, c, full_columns);
+        break;
+      case Fetch::windows:
+        if constexpr (HasWindowLoads<Wide>) {
+          c = wide_full_groups<Wide, M, Sample, Fetch::windows>(g, range, r, c, full_columns);
+        }
+        break;
+    }
   } else {
-    c = wide_full_groups<Wide, M, Sample, false>(g, r, c, full_columns);
+    c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, range, r, c, full_columns);
   }
   for (; c < full_columns; c += Narrow::lanes) {
-    compute_group<Narrow, M, Sample, BlockKind::full, false>(g, r.xq + c, r.yq + c, r.zq + c,
-                                                             r.vq + c);
+    compute_group<Narrow, M, Sample, BlockKind::full, false>(g, range, r.xq + c, r.yq + c,
+                                                             r.zq + c, r.vq + c);
   }
   if (r.last_blocks > 0) {
-    compute_group<Narrow, M, Sample, BlockKind::last, true>(g, r.xq_last, r.yq_last, r.zq_last,
-                                                            r.vq_last);
+    compute_group<Narrow, M, Sample, BlockKind::last, true>(g, range, r.xq_last, r.yq_last,
+                                                            r.zq_last, r.vq_last);
     for (int64_t k = Narrow::lanes; k < W; k += Narrow::lanes) {
       compute_group<Narrow, M, Sample, BlockKind::last, false>(
-          g, r.xq_last + k, r.yq_last + k, r.zq_last + k, r.vq_last + k);
+          g, range, r.xq_last + k, r.yq_last + k, r.zq_last + k, r.vq_last + k);
     }
   }
 }

@@ -7,6 +7,7 @@
 
 #include "kernels/blend.h"
 #include "kernels/coords.h"
+#include "kernels/dispatch.h"
 #include "kernels/kernel_set.h"
 #include "kernels/portable/portable_kernels.h"
 #include "kernels/row_api.h"

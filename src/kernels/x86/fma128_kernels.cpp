@@ -8,6 +8,7 @@
 
 #include "kernels/blend.h"
 #include "kernels/coords.h"
+#include "kernels/dispatch.h"
 #include "kernels/kernel_set.h"
 #include "kernels/row_api.h"
 #include "kernels/sample.h"

@@ -110,6 +110,41 @@ struct Ops512<float> {
     }
   }
 
+  // Windows: sixteen consecutive samples by one load, handed out by
+  // permutes.
+  static constexpr bool has_window_loads = true;
+  static uint32_t bits(IndexMask m) { return m; }
+  static IndexMask mask_of_bits(uint32_t b) { return static_cast<IndexMask>(b); }
+  static Index sub_index(Index a, Index b) { return _mm512_sub_epi32(a, b); }
+  static Index clamp_index(Index i, int32_t lo, int32_t hi) {
+    return _mm512_max_epi32(_mm512_min_epi32(i, _mm512_set1_epi32(hi)), _mm512_set1_epi32(lo));
+  }
+  static Index broadcast_lane(Index i, int lane) {
+    return _mm512_permutexvar_epi32(_mm512_set1_epi32(lane), i);
+  }
+  static int32_t first_lane(Index i) { return _mm_cvtsi128_si32(_mm512_castsi512_si128(i)); }
+  static IndexMask index_within(Index rel, int32_t max) {
+    return _mm512_cmple_epu32_mask(rel, _mm512_set1_epi32(max));
+  }
+  template <class Sample>
+  static V load_window(const Sample* p) {
+    if constexpr (sizeof(Sample) == 4) {
+      return convert_words<Sample>(_mm512_loadu_si512(p));
+    } else if constexpr (sizeof(Sample) == 2) {
+      const __m256i w = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+      return _mm512_cvtepi32_ps(std::is_signed_v<Sample> ? _mm512_cvtepi16_epi32(w)
+                                                         : _mm512_cvtepu16_epi32(w));
+    } else {
+      const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      return _mm512_cvtepi32_ps(std::is_signed_v<Sample> ? _mm512_cvtepi8_epi32(w)
+                                                         : _mm512_cvtepu8_epi32(w));
+    }
+  }
+  static V permute(V window, Index rel) { return _mm512_permutexvar_ps(rel, window); }
+  static V permute_into(V dst, IndexMask m, V window, Index rel) {
+    return _mm512_mask_permutexvar_ps(dst, m, rel, window);
+  }
+
   template <class Sample>
   static V convert_words(__m512i v) {
     if constexpr (std::is_same_v<Sample, float>) {
