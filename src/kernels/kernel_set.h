@@ -9,6 +9,9 @@ namespace qzinterp3d {
 
 struct KernelSet {
   const char* name;
+  // True when its wide groups read coherent points through windows (loads
+  // and permutes) before falling back to gathers.
+  bool reads_windows;
 #define QZ_ROW_MEMBER(method, type, T) RowFn<T> method##_##type;
   QZ_FOR_EACH_VARIANT(QZ_ROW_MEMBER)
 #undef QZ_ROW_MEMBER

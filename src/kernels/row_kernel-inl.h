@@ -504,6 +504,7 @@ template <template <class> class WideOps, template <class> class NarrowOps>
 constexpr KernelSet make_kernel_set(const char* name) {
   return KernelSet{
       name,
+      HasWindowLoads<WideOps<float>>,
 #define QZ_ROW_POINTER(method, type, T) &row<WideOps, NarrowOps, Method::method, T>,
       QZ_FOR_EACH_VARIANT(QZ_ROW_POINTER)
 #undef QZ_ROW_POINTER
