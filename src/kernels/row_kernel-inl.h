@@ -30,6 +30,13 @@
 
 #include "kernels/blend.h"  // blend formulas for this target
 
+// A group's whole computation is inlined into the row loop, so that its
+// constants stay in registers across groups; rarely taken fallbacks are kept
+// out of line.
+#ifndef QZ_ALWAYS_INLINE
+#define QZ_ALWAYS_INLINE [[gnu::always_inline]] inline
+#endif
+
 namespace qzinterp3d {
 namespace QZ_TARGET_NS {
 
@@ -47,6 +54,9 @@ concept HasWindowLoads = Ops::has_window_loads;
 // touch no memory that the grid's own samples do not span.
 struct OffsetRange {
   int32_t lo = 0, hi = 0;
+  // Where windows of `lanes` samples may start so that they lie in [lo, hi];
+  // empty (window_lo > window_hi) when the range is shorter than a window.
+  int32_t window_lo = 1, window_hi = 0;
 };
 
 // Margin kept below the 32-bit limits by the offset-vector path, so that
@@ -54,9 +64,15 @@ struct OffsetRange {
 inline constexpr int32_t window_margin = 64;
 
 // Windows compare offsets with window starts as unsigned differences, which
-// needs every two offsets of the grid to lie within 2^31 of each other.
-inline bool windows_fit(const OffsetRange& range) {
-  return int64_t{range.hi} - range.lo <= INT32_MAX - window_margin;
+// needs every two offsets of the grid to lie within 2^31 of each other. When
+// they do, fills in where windows of `lanes` samples may start.
+inline bool windows_fit(OffsetRange& range, int32_t lanes) {
+  if (int64_t{range.hi} - range.lo > INT32_MAX - window_margin) return false;
+  if (int64_t{range.hi} - range.lo >= lanes - 1) {
+    range.window_lo = range.lo;
+    range.window_hi = range.hi - (lanes - 1);
+  }
+  return true;
 }
 
 // How a group reads its samples: offsets in 64 bits lane by lane; offsets
@@ -75,13 +91,18 @@ struct GroupKernel {
 
   // A group's coordinates q, their shifts d = q - 1, and the block test:
   // outside when 1 > q or d > n - 1 on some axis (ordered comparisons, so a
-  // NaN coordinate alone does not make a lane outside).
+  // NaN coordinate alone does not make a lane outside). Where Ops chains
+  // masked comparisons (and_not_gt), the complement is built instead, which
+  // is the same test in fewer instructions: a lane is kept when neither
+  // comparison holds on any axis.
+  static constexpr bool chains_tests = requires(Mask m, V a) { Ops::and_not_gt(m, a, a); };
   struct Query {
     V xq, yq, zq, dx, dy, dz;
-    Mask outside;
+    Mask outside_or_kept;  // kept when chains_tests, else outside
   };
 
-  static inline Query load_query(const Grid<Sample>& g, const C* xs, const C* ys, const C* zs) {
+  QZ_ALWAYS_INLINE static Query load_query(const Grid<Sample>& g, const C* xs, const C* ys,
+                                           const C* zs) {
     const V one = Ops::set1(C(1));
     Query q;
     q.xq = Ops::load(xs);
@@ -90,38 +111,75 @@ struct GroupKernel {
     q.dx = Ops::sub(q.xq, one);
     q.dy = Ops::sub(q.yq, one);
     q.dz = Ops::sub(q.zq, one);
-    Mask m = Ops::or_(Ops::gt(one, q.xq), Ops::gt(q.dx, Ops::set1(g.bound_x)));
-    m = Ops::or_(m, Ops::or_(Ops::gt(one, q.yq), Ops::gt(q.dy, Ops::set1(g.bound_y))));
-    q.outside = Ops::or_(m, Ops::or_(Ops::gt(one, q.zq), Ops::gt(q.dz, Ops::set1(g.bound_z))));
+    if constexpr (chains_tests) {
+      Mask kept = Ops::not_gt(one, q.xq);
+      kept = Ops::and_not_gt(kept, q.dx, Ops::set1(g.bound_x));
+      kept = Ops::and_not_gt(kept, one, q.yq);
+      kept = Ops::and_not_gt(kept, q.dy, Ops::set1(g.bound_y));
+      kept = Ops::and_not_gt(kept, one, q.zq);
+      q.outside_or_kept = Ops::and_not_gt(kept, q.dz, Ops::set1(g.bound_z));
+    } else {
+      Mask m = Ops::or_(Ops::gt(one, q.xq), Ops::gt(q.dx, Ops::set1(g.bound_x)));
+      m = Ops::or_(m, Ops::or_(Ops::gt(one, q.yq), Ops::gt(q.dy, Ops::set1(g.bound_y))));
+      q.outside_or_kept =
+          Ops::or_(m, Ops::or_(Ops::gt(one, q.zq), Ops::gt(q.dz, Ops::set1(g.bound_z))));
+    }
     return q;
+  }
+
+  // The value of each lane, or the fill value where the lane is outside.
+  QZ_ALWAYS_INLINE static V value_or_fill(const Grid<Sample>& g, const Query& q, V value) {
+    if constexpr (chains_tests) {
+      return Ops::select(q.outside_or_kept, value, Ops::set1(g.fill));
+    } else {
+      return Ops::select(q.outside_or_kept, Ops::set1(g.fill), value);
+    }
+  }
+
+  // An integral coordinate value as a clamped index: rounded to nearest
+  // (ties to even), down or up, then converted as to_index does. Ops may
+  // round and convert in one step (round_to_index<Mode>).
+  enum class Rounding { nearest_even, down, up };
+  template <Rounding R>
+  QZ_ALWAYS_INLINE static Index clamped_index(V d, int32_t n) {
+    if constexpr (requires { Ops::template round_to_index<0>(d); }) {
+      return Ops::clamp(Ops::template round_to_index<static_cast<int>(R)>(d), last_index(n));
+    } else if constexpr (R == Rounding::nearest_even) {
+      return Ops::clamp(Ops::to_index(Ops::round_even(d)), last_index(n));
+    } else if constexpr (R == Rounding::down) {
+      return Ops::clamp(Ops::to_index(Ops::floor(d)), last_index(n));
+    } else {
+      return Ops::clamp(Ops::to_index(Ops::ceil(d)), last_index(n));
+    }
   }
 
   // Both methods return false when windows did not serve the group and it
   // was gathered instead.
-  static inline bool nearest(const Grid<Sample>& g, const OffsetRange& range, const C* xs,
-                             const C* ys, const C* zs, C* out) {
+  QZ_ALWAYS_INLINE static bool nearest(const Grid<Sample>& g, const OffsetRange& range, const C* xs,
+                                       const C* ys, const C* zs, C* out) {
     const Query q = load_query(g, xs, ys, zs);
     // Round to nearest, ties to even.
-    const Index ix = Ops::clamp(Ops::to_index(Ops::round_even(q.dx)), last_index(g.nx));
-    const Index iy = Ops::clamp(Ops::to_index(Ops::round_even(q.dy)), last_index(g.ny));
-    const Index iz = Ops::clamp(Ops::to_index(Ops::round_even(q.dz)), last_index(g.nz));
+    const Index ix = clamped_index<Rounding::nearest_even>(q.dx, g.nx);
+    const Index iy = clamped_index<Rounding::nearest_even>(q.dy, g.ny);
+    const Index iz = clamped_index<Rounding::nearest_even>(q.dz, g.nz);
     bool windows_sufficed = true;
     const V value = fetch_sample(g, range, ix, iy, iz, windows_sufficed);
-    Ops::store(out, Ops::select(q.outside, Ops::set1(g.fill), value));
+    Ops::store(out, value_or_fill(g, q, value));
     return windows_sufficed;
   }
 
   // The one sample of each lane.
-  static inline V fetch_sample(const Grid<Sample>& g, const OffsetRange& range, Index ix, Index iy,
-                               Index iz, bool& windows_sufficed) {
+  QZ_ALWAYS_INLINE static V fetch_sample(const Grid<Sample>& g, const OffsetRange& range, Index ix,
+                                         Index iy, Index iz, bool& windows_sufficed) {
     if constexpr (OffsetVectors) {
       const Index yz = Ops::add_index(Ops::mul_index(iy, g.stride1), Ops::mul_index(iz, g.stride2));
       const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
       if constexpr (F == Fetch::windows) {
         V value;
-        if (Windows::sample(g, range, Ops::add_index(row, ix), value)) [[likely]] return value;
+        if (Windows::sample(g, range, Ops::add_index(row, ix), value)) [[likely]]
+          return value;
         windows_sufficed = false;
-        return gather_sample(g, row, ix);
+        return sample_out_of_line(g, row, ix);
       } else {
         return gather_sample(g, row, ix);
       }
@@ -138,6 +196,10 @@ struct GroupKernel {
       }
       return Ops::template gather<Sample>(g.host, offset);
     }
+  }
+
+  [[gnu::noinline]] static V sample_out_of_line(const Grid<Sample>& g, Index row, Index ix) {
+    return gather_sample(g, row, ix);
   }
 
   // The sample at row + ix of each lane, by gathering (offset vectors).
@@ -202,10 +264,9 @@ struct GroupKernel {
 
     // False when some lane fits neither window; `reach` is how far past its
     // offset each lane reads (1 for an x pair, 0 for one sample).
-    static inline bool place(Index o, int64_t lo, int64_t hi, int32_t reach, Pair& w) {
-      if (lo > hi) return false;  // the grid is shorter than a window
-      const Index starts = Ops::clamp_index(Ops::sub_index(o, Ops::set1_index(slack)),
-                                            static_cast<int32_t>(lo), static_cast<int32_t>(hi));
+    QZ_ALWAYS_INLINE static bool place(Index o, int32_t lo, int32_t hi, int32_t reach, Pair& w) {
+      if (lo > hi) return false;  // the grid is shorter than the windows' reach
+      const Index starts = Ops::clamp_index(Ops::sub_index(o, Ops::set1_index(slack)), lo, hi);
       const Index first = Ops::broadcast_lane(starts, 0), last = Ops::broadcast_lane(starts, N - 1);
       w.first_start = Ops::first_lane(first);
       w.last_start = Ops::first_lane(last);
@@ -220,19 +281,20 @@ struct GroupKernel {
 
     // The lanes' samples at rel (and rel + step) in the two windows that
     // start `delta` past the placed ones.
-    static inline V read(const Grid<Sample>& g, const Pair& w, int64_t delta, Index first_rel,
-                         Index last_rel) {
+    QZ_ALWAYS_INLINE static V read(const Grid<Sample>& g, const Pair& w, int64_t delta,
+                                   Index first_rel, Index last_rel) {
       const V first = Ops::template load_window<Sample>(g.host + (w.first_start + delta));
       const V last = Ops::template load_window<Sample>(g.host + (w.last_start + delta));
-      return Ops::permute_into(Ops::permute(first, first_rel), Ops::mask_of_bits(w.from_last),
-                               last, last_rel);
+      return Ops::permute_into(Ops::permute(first, first_rel), Ops::mask_of_bits(w.from_last), last,
+                               last_rel);
     }
 
     // One sample per lane at offsets o. False (and nothing read) when the
     // two windows do not serve every lane.
-    static inline bool sample(const Grid<Sample>& g, const OffsetRange& range, Index o, V& value) {
+    QZ_ALWAYS_INLINE static bool sample(const Grid<Sample>& g, const OffsetRange& range, Index o,
+                                        V& value) {
       Pair w;
-      if (!place(o, range.lo, int64_t{range.hi} - (N - 1), 0, w)) return false;
+      if (!place(o, range.window_lo, range.window_hi, 0, w)) return false;
       value = read(g, w, 0, w.first_rel, w.last_rel);
       return true;
     }
@@ -243,13 +305,14 @@ struct GroupKernel {
     // rows are then the first one moved by dy, dz and dy + dz, and the two
     // windows placed for the first row serve them all, moved alike. False
     // (and nothing read) when they do not serve every lane.
-    static inline bool corners(const Grid<Sample>& g, const OffsetRange& range, Index o,
-                               Index step, int64_t dy, int64_t dz, Corners& c) {
+    QZ_ALWAYS_INLINE static bool corners(const Grid<Sample>& g, const OffsetRange& range, Index o,
+                                         Index step, int64_t dy, int64_t dz, Corners& c) {
       // Every moved window must lie in the grid's range too.
       const int64_t lo = int64_t{range.lo} - (dy < 0 ? dy : 0) - (dz < 0 ? dz : 0);
       const int64_t hi = int64_t{range.hi} - (N - 1) - (dy > 0 ? dy : 0) - (dz > 0 ? dz : 0);
+      if (lo > hi) return false;
       Pair w;
-      if (!place(o, lo, hi, 1, w)) return false;
+      if (!place(o, static_cast<int32_t>(lo), static_cast<int32_t>(hi), 1, w)) return false;
       const Index first_upper = Ops::add_index(w.first_rel, step);
       const Index last_upper = Ops::add_index(w.last_rel, step);
       c.v000 = read(g, w, 0, w.first_rel, w.last_rel);
@@ -264,44 +327,56 @@ struct GroupKernel {
     }
   };
 
-  static inline Corners fetch_corners(const Grid<Sample>& g, const OffsetRange& range, Index ix0,
-                                      Index ix1, Index iy0, Index iy1, Index iz0, Index iz1,
-                                      bool& windows_sufficed) {
+  QZ_ALWAYS_INLINE static Corners fetch_corners(const Grid<Sample>& g, const OffsetRange& range,
+                                                Index ix0, Index ix1, Index iy0, Index iy1,
+                                                Index iz0, Index iz1, bool& windows_sufficed) {
     if constexpr (!OffsetVectors) {
       return corners_by_lanes(g, ix0, ix1, iy0, iy1, iz0, iz1);
-    } else {
-      // The y and z parts of the offsets are shared by both x corners.
-      const Index origin = Ops::set1_index(static_cast<int32_t>(-g.origin));
-      const Index ylo = Ops::mul_index(iy0, g.stride1), yhi = Ops::mul_index(iy1, g.stride1);
-      const Index zlo = Ops::add_index(Ops::mul_index(iz0, g.stride2), origin);
-      const Index zhi = Ops::add_index(Ops::mul_index(iz1, g.stride2), origin);
-      const Index rows[4] = {Ops::add_index(ylo, zlo), Ops::add_index(yhi, zlo),
-                             Ops::add_index(ylo, zhi), Ops::add_index(yhi, zhi)};
-      if constexpr (F == Fetch::windows) {
-        // Inside the grid each upper index is the lower one or the next, so
-        // the x step is 0 or 1, and a lane's four grid rows are its first
-        // moved by 0 or one stride along y and z; when every lane moves
-        // alike, one pair of windows serves all four rows.
-        constexpr uint32_t all = Windows::all_lanes;
-        const uint32_t y_up = Ops::bits(Ops::index_gt(iy1, iy0));
-        const uint32_t z_up = Ops::bits(Ops::index_gt(iz1, iz0));
-        if ((y_up == 0 || y_up == all) && (z_up == 0 || z_up == all)) [[likely]] {
-          Corners c;
-          const int64_t dy = y_up ? g.stride1 : 0, dz = z_up ? g.stride2 : 0;
-          if (Windows::corners(g, range, Ops::add_index(rows[0], ix0), Ops::sub_index(ix1, ix0),
-                               dy, dz, c)) [[likely]] {
-            return c;
-          }
+    } else if constexpr (F == Fetch::windows) {
+      // Inside the grid each upper index is the lower one or the next, so
+      // the x step is 0 or 1, and a lane's four grid rows are its first
+      // moved by 0 or one stride along y and z; when every lane moves
+      // alike, one pair of windows serves all four rows.
+      constexpr uint32_t all = Windows::all_lanes;
+      const uint32_t y_up = Ops::bits(Ops::index_gt(iy1, iy0));
+      const uint32_t z_up = Ops::bits(Ops::index_gt(iz1, iz0));
+      if ((y_up == 0 || y_up == all) && (z_up == 0 || z_up == all)) [[likely]] {
+        const Index first_row = Ops::add_index(
+            Ops::add_index(Ops::mul_index(iy0, g.stride1), Ops::mul_index(iz0, g.stride2)),
+            Ops::set1_index(static_cast<int32_t>(-g.origin)));
+        const int64_t dy = y_up ? g.stride1 : 0, dz = z_up ? g.stride2 : 0;
+        Corners c;
+        if (Windows::corners(g, range, Ops::add_index(first_row, ix0), Ops::sub_index(ix1, ix0), dy,
+                             dz, c)) [[likely]] {
+          return c;
         }
-        windows_sufficed = false;
       }
-      Corners c;
-      gather_pair(g, rows[0], ix0, ix1, c.v000, c.v100);
-      gather_pair(g, rows[1], ix0, ix1, c.v010, c.v110);
-      gather_pair(g, rows[2], ix0, ix1, c.v001, c.v101);
-      gather_pair(g, rows[3], ix0, ix1, c.v011, c.v111);
-      return c;
+      windows_sufficed = false;
+      return corners_out_of_line(g, ix0, ix1, iy0, iy1, iz0, iz1);
+    } else {
+      return corners_by_gathers(g, ix0, ix1, iy0, iy1, iz0, iz1);
     }
+  }
+
+  // Where windows come first, gathering is the rare way: out of line.
+  [[gnu::noinline]] static Corners corners_out_of_line(const Grid<Sample>& g, Index ix0, Index ix1,
+                                                       Index iy0, Index iy1, Index iz0, Index iz1) {
+    return corners_by_gathers(g, ix0, ix1, iy0, iy1, iz0, iz1);
+  }
+
+  QZ_ALWAYS_INLINE static Corners corners_by_gathers(const Grid<Sample>& g, Index ix0, Index ix1,
+                                                     Index iy0, Index iy1, Index iz0, Index iz1) {
+    // The y and z parts of the offsets are shared by both x corners.
+    const Index origin = Ops::set1_index(static_cast<int32_t>(-g.origin));
+    const Index ylo = Ops::mul_index(iy0, g.stride1), yhi = Ops::mul_index(iy1, g.stride1);
+    const Index zlo = Ops::add_index(Ops::mul_index(iz0, g.stride2), origin);
+    const Index zhi = Ops::add_index(Ops::mul_index(iz1, g.stride2), origin);
+    Corners c;
+    gather_pair(g, Ops::add_index(ylo, zlo), ix0, ix1, c.v000, c.v100);
+    gather_pair(g, Ops::add_index(yhi, zlo), ix0, ix1, c.v010, c.v110);
+    gather_pair(g, Ops::add_index(ylo, zhi), ix0, ix1, c.v001, c.v101);
+    gather_pair(g, Ops::add_index(yhi, zhi), ix0, ix1, c.v011, c.v111);
+    return c;
   }
 
   // Offsets in 64 bits, lane by lane, one scalar read per corner and lane.
@@ -336,18 +411,18 @@ struct GroupKernel {
   }
 
   template <BlendPlan P>
-  static inline bool trilinear(const Grid<Sample>& g, const OffsetRange& range, const C* xs,
-                               const C* ys, const C* zs, C* out) {
+  QZ_ALWAYS_INLINE static bool trilinear(const Grid<Sample>& g, const OffsetRange& range,
+                                         const C* xs, const C* ys, const C* zs, C* out) {
     const V one = Ops::set1(C(1));
     const V two = Ops::set1(C(2));
     const Query q = load_query(g, xs, ys, zs);
     // Lower corners from the floor of q - 1, upper ones from its ceiling.
-    const Index ix0 = Ops::clamp(Ops::to_index(Ops::floor(q.dx)), last_index(g.nx));
-    const Index ix1 = Ops::clamp(Ops::to_index(Ops::ceil(q.dx)), last_index(g.nx));
-    const Index iy0 = Ops::clamp(Ops::to_index(Ops::floor(q.dy)), last_index(g.ny));
-    const Index iy1 = Ops::clamp(Ops::to_index(Ops::ceil(q.dy)), last_index(g.ny));
-    const Index iz0 = Ops::clamp(Ops::to_index(Ops::floor(q.dz)), last_index(g.nz));
-    const Index iz1 = Ops::clamp(Ops::to_index(Ops::ceil(q.dz)), last_index(g.nz));
+    const Index ix0 = clamped_index<Rounding::down>(q.dx, g.nx);
+    const Index ix1 = clamped_index<Rounding::up>(q.dx, g.nx);
+    const Index iy0 = clamped_index<Rounding::down>(q.dy, g.ny);
+    const Index iy1 = clamped_index<Rounding::up>(q.dy, g.ny);
+    const Index iz0 = clamped_index<Rounding::down>(q.dz, g.nz);
+    const Index iz1 = clamped_index<Rounding::up>(q.dz, g.nz);
     // t is taken from q itself: in [1, 2) inside the grid.
     const V tx = Ops::sub(q.xq, Ops::to_coord(ix0));
     const V ty = Ops::sub(q.yq, Ops::to_coord(iy0));
@@ -360,7 +435,7 @@ struct GroupKernel {
     const Corners c = fetch_corners(g, range, ix0, ix1, iy0, iy1, iz0, iz1, windows_sufficed);
     const V r = Trilinear<P, Ops>::eval(c.v000, c.v100, c.v010, c.v110, c.v001, c.v101, c.v011,
                                         c.v111, wxl, wxu, wyl, wyu, tz, wzl);
-    Ops::store(out, Ops::select(q.outside, Ops::set1(g.fill), r));
+    Ops::store(out, value_or_fill(g, q, r));
     return windows_sufficed;
   }
 };
@@ -369,15 +444,15 @@ struct GroupKernel {
 // false when windows did not serve it.
 template <class Ops, Method M, class Sample, BlockKind Kind, bool FirstGroup,
           Fetch F = Fetch::per_lane>
-inline bool compute_group(const Grid<Sample>& g, const OffsetRange& range,
-                          const CoordOf<Sample>* xs, const CoordOf<Sample>* ys,
-                          const CoordOf<Sample>* zs, CoordOf<Sample>* out) {
+QZ_ALWAYS_INLINE bool compute_group(const Grid<Sample>& g, const OffsetRange& range,
+                                    const CoordOf<Sample>* xs, const CoordOf<Sample>* ys,
+                                    const CoordOf<Sample>* zs, CoordOf<Sample>* out) {
   using Kernel = GroupKernel<Ops, Sample, F>;
   if constexpr (M == Method::nearest) {
     return Kernel::nearest(g, range, xs, ys, zs, out);
   } else {
     return Kernel::template trilinear<blend_plan<Sample>(Kind, FirstGroup)>(g, range, xs, ys, zs,
-                                                                           out);
+                                                                            out);
   }
 }
 
@@ -404,8 +479,13 @@ inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, OffsetRange& range) {
 
 // Full blocks [c, end) in wide groups.
 template <class Wide, Method M, class Sample, Fetch F>
-inline int64_t wide_full_groups(const Grid<Sample>& g, const OffsetRange& range,
-                                const RowSpan<CoordOf<Sample>>& r, int64_t c, int64_t end) {
+inline int64_t wide_full_groups(const Grid<Sample>& grid, const OffsetRange& offset_range,
+                                const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end) {
+  // Local copies: the compiler then knows that the stores to the output do
+  // not change them, and keeps them in registers.
+  const Grid<Sample> g = grid;
+  const OffsetRange range = offset_range;
+  const RowSpan<CoordOf<Sample>> r = span;
   if constexpr (F == Fetch::windows) {
     // Windows pay off where two of them serve a group's lanes: coherent runs
     // of points. Where groups often need more, the points are scattered
@@ -450,12 +530,9 @@ inline int64_t wide_full_groups(const Grid<Sample>& g, const OffsetRange& range,
 // its own sequence. Full blocks may be covered by wide vectors (several
 // blocks at once); the last block always goes in groups of the narrow ones,
 // because its lanes do not all follow one sequence.
-template <template <class> class WideOps, template <class> class NarrowOps, Method M,
-          class Sample>
+template <template <class> class WideOps, template <class> class NarrowOps, Method M, class Sample>
 void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
-  // Local copies: the compiler then knows that the stores to the output do
-  // not change them, and keeps them in registers.
-  const Grid<Sample> g = grid;
+  const Grid<Sample> g = grid;  // local copies, as in wide_full_groups
   const RowSpan<CoordOf<Sample>> r = span;
   using C = CoordOf<Sample>;
   using Wide = WideOps<C>;
@@ -468,7 +545,8 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
   if constexpr (HasOffsetVectors<Wide>) {
     Fetch fetch = Fetch::per_lane;
     if (offsets_fit_in_32_bits(g, range)) {
-      fetch = HasWindowLoads<Wide> && windows_fit(range) ? Fetch::windows : Fetch::gathers;
+      fetch =
+          HasWindowLoads<Wide> && windows_fit(range, Wide::lanes) ? Fetch::windows : Fetch::gathers;
     }
     switch (fetch) {
       case Fetch::per_lane:
@@ -487,8 +565,8 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
     c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, range, r, c, full_columns);
   }
   for (; c < full_columns; c += Narrow::lanes) {
-    compute_group<Narrow, M, Sample, BlockKind::full, false>(g, range, r.xq + c, r.yq + c,
-                                                             r.zq + c, r.vq + c);
+    compute_group<Narrow, M, Sample, BlockKind::full, false>(g, range, r.xq + c, r.yq + c, r.zq + c,
+                                                             r.vq + c);
   }
   if (r.last_blocks > 0) {
     compute_group<Narrow, M, Sample, BlockKind::last, true>(g, range, r.xq_last, r.yq_last,
@@ -502,11 +580,9 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
 
 template <template <class> class WideOps, template <class> class NarrowOps>
 constexpr KernelSet make_kernel_set(const char* name) {
-  return KernelSet{
-      name,
-      HasWindowLoads<WideOps<float>>,
+  return KernelSet{name, HasWindowLoads<WideOps<float>>,
 #define QZ_ROW_POINTER(method, type, T) &row<WideOps, NarrowOps, Method::method, T>,
-      QZ_FOR_EACH_VARIANT(QZ_ROW_POINTER)
+                   QZ_FOR_EACH_VARIANT(QZ_ROW_POINTER)
 #undef QZ_ROW_POINTER
   };
 }

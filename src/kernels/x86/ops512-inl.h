@@ -45,6 +45,21 @@ struct Ops512<float> {
   static Index clamp(Index i, int32_t hi) {
     return _mm512_max_epi32(_mm512_min_epi32(i, _mm512_set1_epi32(hi)), _mm512_setzero_si512());
   }
+  // Rounding and conversion in one instruction (mode 0: nearest, ties to
+  // even; 1: down; 2: up), then as to_index: a float at or above 2^31 rounds
+  // to 2^31 or more in every mode, and saturates.
+  template <int Mode>
+  static Index round_to_index(V a) {
+    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
+                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
+                                         : _MM_FROUND_TO_POS_INF;
+    const Mask high = _mm512_cmp_ps_mask(a, _mm512_set1_ps(2147483648.0f), _CMP_GE_OQ);
+    return _mm512_mask_mov_epi32(_mm512_cvt_roundps_epi32(a, rounding | _MM_FROUND_NO_EXC), high,
+                                 _mm512_set1_epi32(INT32_MAX));
+  }
+  // not (a > b), true when either is NaN; chained under a mask.
+  static Mask not_gt(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_NGT_UQ); }
+  static Mask and_not_gt(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_NGT_UQ); }
   static V to_coord(Index i) { return _mm512_cvtepi32_ps(i); }
   static void store_index(int32_t* p, Index i) { _mm512_store_si512(p, i); }
 
