@@ -47,14 +47,97 @@ struct Ops256<float> {
   static void store_index(int32_t* p, Index i) {
     _mm256_store_si256(reinterpret_cast<__m256i*>(p), i);
   }
+  // uint32 to float with one rounding, as Ops128::unsigned_to_coord.
   static V unsigned_to_coord(__m256i u) {
     const __m256 high =
         _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(u, 16)), _mm256_set1_ps(65536.0f));
     const __m256 low = _mm256_cvtepi32_ps(_mm256_and_si256(u, _mm256_set1_epi32(0xFFFF)));
     return _mm256_add_ps(high, low);
   }
+
+  static constexpr bool has_offset_vectors = true;
+  static Index add_index(Index a, Index b) { return _mm256_add_epi32(a, b); }
+  static Index mul_index(Index a, int32_t s) { return _mm256_mullo_epi32(a, _mm256_set1_epi32(s)); }
+  static Index set1_index(int32_t v) { return _mm256_set1_epi32(v); }
+  // Scalar reads, not hardware gathers: this set runs on CPUs without
+  // AVX-512, and on many of them (AMD before Zen 4, Intel with the gather
+  // microcode mitigation) gathers are slower than eight scalar loads.
+  template <class Sample>
+  static V gather_offsets(const Sample* b, Index offsets) {
+    alignas(32) int32_t o[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(o), offsets);
+    return from_lanes(b, o);
+  }
+
+  // Lane masks on offsets: only the sign bit of a lane counts (movemask,
+  // blendv), so a mask made from bits may leave the other bits unset.
+  using IndexMask = __m256i;
+  static IndexMask index_gt(Index a, Index b) { return _mm256_cmpgt_epi32(a, b); }
+
+  // Windows: eight consecutive samples by one load, handed out by permutes.
+  static constexpr bool has_window_loads = true;
+  static uint32_t bits(IndexMask m) {
+    return static_cast<uint32_t>(_mm256_movemask_ps(_mm256_castsi256_ps(m)));
+  }
+  // Bit l of b shifted to the sign bit of lane l.
+  static IndexMask mask_of_bits(uint32_t b) {
+    return _mm256_sllv_epi32(_mm256_set1_epi32(static_cast<int32_t>(b)),
+                             _mm256_setr_epi32(31, 30, 29, 28, 27, 26, 25, 24));
+  }
+  static Index sub_index(Index a, Index b) { return _mm256_sub_epi32(a, b); }
+  static Index clamp_index(Index i, int32_t lo, int32_t hi) {
+    return _mm256_max_epi32(_mm256_min_epi32(i, _mm256_set1_epi32(hi)), _mm256_set1_epi32(lo));
+  }
+  static Index broadcast_lane(Index i, int lane) {
+    return _mm256_permutevar8x32_epi32(i, _mm256_set1_epi32(lane));
+  }
+  static int32_t first_lane(Index i) { return _mm_cvtsi128_si32(_mm256_castsi256_si128(i)); }
+  // Unsigned rel <= max (no unsigned compare in AVX2): the unsigned maximum
+  // of the two is max exactly then.
+  static IndexMask index_within(Index rel, int32_t max) {
+    const __m256i m = _mm256_set1_epi32(max);
+    return _mm256_cmpeq_epi32(_mm256_max_epu32(rel, m), m);
+  }
+  // Exactly eight samples are read (8 bytes for 8-bit ones), converted as
+  // the scalar reads are.
+  template <class Sample>
+  static V load_window(const Sample* p) {
+    if constexpr (sizeof(Sample) == 4) {
+      return convert_words<Sample>(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
+    } else if constexpr (sizeof(Sample) == 2) {
+      const __m128i w = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+      return _mm256_cvtepi32_ps(std::is_signed_v<Sample> ? _mm256_cvtepi16_epi32(w)
+                                                         : _mm256_cvtepu16_epi32(w));
+    } else {
+      const __m128i w = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(p));
+      return _mm256_cvtepi32_ps(std::is_signed_v<Sample> ? _mm256_cvtepi8_epi32(w)
+                                                         : _mm256_cvtepu8_epi32(w));
+    }
+  }
+  static V permute(V window, Index rel) { return _mm256_permutevar8x32_ps(window, rel); }
+  static V permute_into(V dst, IndexMask m, V window, Index rel) {
+    return _mm256_blendv_ps(dst, permute(window, rel), _mm256_castsi256_ps(m));
+  }
+
+  // 32-bit samples as read, converted.
+  template <class Sample>
+  static V convert_words(__m256i v) {
+    if constexpr (std::is_same_v<Sample, float>) {
+      return _mm256_castsi256_ps(v);
+    } else if constexpr (std::is_same_v<Sample, uint32_t>) {
+      return unsigned_to_coord(v);
+    } else {
+      return _mm256_cvtepi32_ps(v);
+    }
+  }
+
   template <class Sample>
   static V gather(const Sample* b, const int64_t* o) {
+    return from_lanes(b, o);
+  }
+  // One scalar read per lane, converted.
+  template <class Sample, class Offset>
+  static V from_lanes(const Sample* b, const Offset* o) {
     if constexpr (std::is_same_v<Sample, float>) {
       return _mm256_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]]);
     } else {
