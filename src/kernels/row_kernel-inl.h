@@ -254,12 +254,13 @@ struct GroupKernel {
     // so that lanes on either side of that one fit.
     static constexpr int32_t slack = N / 2 - 1;
     static constexpr uint32_t all_lanes = (uint32_t{1} << N) - 1;
+    using IndexMask = decltype(Ops::index_gt(Index{}, Index{}));
 
     // The two windows for offsets o, their starts kept in [lo, hi].
     struct Pair {
       int32_t first_start, last_start;
       Index first_rel, last_rel;  // o less each start
-      uint32_t from_last;         // lanes served by the last lane's window only
+      IndexMask from_last;        // lanes served by the last lane's window only
     };
 
     // False when some lane fits neither window; `reach` is how far past its
@@ -274,9 +275,16 @@ struct GroupKernel {
       w.last_rel = Ops::sub_index(o, last);
       // Unsigned: offsets below a start wrap to large values (the offsets
       // and starts are within 2^31 of each other).
-      const uint32_t from_first = Ops::bits(Ops::index_within(w.first_rel, N - 1 - reach));
-      w.from_last = ~from_first & Ops::bits(Ops::index_within(w.last_rel, N - 1 - reach));
-      return (from_first | w.from_last) == all_lanes;
+      const IndexMask from_first = Ops::index_within(w.first_rel, N - 1 - reach);
+      const IndexMask from_either = Ops::index_within(w.last_rel, N - 1 - reach);
+      if constexpr (requires { Ops::union_is_full(from_first, from_either); }) {
+        w.from_last = Ops::mask_andnot(from_first, from_either);
+        return Ops::union_is_full(from_first, from_either);
+      } else {
+        const uint32_t first_bits = Ops::bits(from_first);
+        w.from_last = Ops::mask_of_bits(~first_bits & Ops::bits(from_either));
+        return (first_bits | Ops::bits(from_either)) == all_lanes;
+      }
     }
 
     // The lanes' samples at rel (and rel + step) in the two windows that
@@ -285,8 +293,7 @@ struct GroupKernel {
                                    Index first_rel, Index last_rel) {
       const V first = Ops::template load_window<Sample>(g.host + (w.first_start + delta));
       const V last = Ops::template load_window<Sample>(g.host + (w.last_start + delta));
-      return Ops::permute_into(Ops::permute(first, first_rel), Ops::mask_of_bits(w.from_last), last,
-                               last_rel);
+      return Ops::permute_into(Ops::permute(first, first_rel), w.from_last, last, last_rel);
     }
 
     // One sample per lane at offsets o. False (and nothing read) when the
@@ -489,29 +496,30 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const OffsetRange& off
   if constexpr (F == Fetch::windows) {
     // Windows pay off where two of them serve a group's lanes: coherent runs
     // of points. Where groups often need more, the points are scattered
-    // across grid rows, and gathers are cheaper: once the groups that needed
-    // more outweigh those that did not (each counting four times as much),
-    // the next groups go straight to gathers before windows are tried again.
-    constexpr int gather_run = 16, threshold = 8;
-    int gather_groups = 0, shortfall = 0;
+    // across grid rows and gathers are cheaper: after two such groups close
+    // together, the next groups go straight to gathers before windows are
+    // tried again. Nothing is counted while windows serve.
+    constexpr int64_t gather_run = 16, close_together = 4 * Wide::lanes;
+    int64_t gather_groups = 0, last_shortfall = -close_together - 1;
     [[maybe_unused]] uint64_t served = 0, gathered = 0;
     for (; c + Wide::lanes <= end; c += Wide::lanes) {
       if (gather_groups > 0) {
         --gather_groups;
-        ++gathered;
         compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
             g, range, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
       } else if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
-                     g, range, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) {
+                     g, range, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) [[likely]] {
+#if defined(QZINTERP3D_KERNEL_PROBE)
         ++served;
-        shortfall -= shortfall > 0;
+#endif
+        continue;
       } else {
-        ++gathered;
-        if ((shortfall += 4) >= threshold) {
-          shortfall = 0;
-          gather_groups = gather_run;
-        }
+        if (c - last_shortfall <= close_together) gather_groups = gather_run;
+        last_shortfall = c;
       }
+#if defined(QZINTERP3D_KERNEL_PROBE)
+      ++gathered;
+#endif
     }
 #if defined(QZINTERP3D_KERNEL_PROBE)
     note_window_groups(served, gathered);

@@ -130,6 +130,8 @@ struct Ops512<float> {
   static constexpr bool has_window_loads = true;
   static uint32_t bits(IndexMask m) { return m; }
   static IndexMask mask_of_bits(uint32_t b) { return static_cast<IndexMask>(b); }
+  static IndexMask mask_andnot(IndexMask a, IndexMask b) { return _kandn_mask16(a, b); }
+  static bool union_is_full(IndexMask a, IndexMask b) { return _kortestc_mask16_u8(a, b); }
   static Index sub_index(Index a, Index b) { return _mm512_sub_epi32(a, b); }
   static Index clamp_index(Index i, int32_t lo, int32_t hi) {
     return _mm512_max_epi32(_mm512_min_epi32(i, _mm512_set1_epi32(hi)), _mm512_set1_epi32(lo));
@@ -239,6 +241,62 @@ struct Ops512<double> {
   static V gather(const Sample* b, const int64_t* o) {
     static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
     return _mm512_setr_pd(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]]);
+  }
+
+  // As Ops512<float>: rounding and conversion in one instruction, through 64
+  // bits keeping the low 32 as to_index does; chained masked comparisons.
+  template <int Mode>
+  static Index round_to_index(V a) {
+    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
+                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
+                                         : _MM_FROUND_TO_POS_INF;
+    return _mm512_cvtepi64_epi32(_mm512_cvt_roundpd_epi64(a, rounding | _MM_FROUND_NO_EXC));
+  }
+  static Mask not_gt(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_NGT_UQ); }
+  static Mask and_not_gt(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_NGT_UQ); }
+
+  // Offsets in 32-bit lanes (eight, in a 32-byte vector).
+  static constexpr bool has_offset_vectors = true;
+  static Index add_index(Index a, Index b) { return _mm256_add_epi32(a, b); }
+  static Index mul_index(Index a, int32_t s) { return _mm256_mullo_epi32(a, _mm256_set1_epi32(s)); }
+  static Index set1_index(int32_t v) { return _mm256_set1_epi32(v); }
+  template <class Sample>
+  static V gather_offsets(const Sample* b, Index offsets) {
+    static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
+    return _mm512_i32gather_pd(offsets, b, 8);
+  }
+  using IndexMask = __mmask8;
+  static Index min_index(Index a, int32_t hi) { return _mm256_min_epi32(a, _mm256_set1_epi32(hi)); }
+  static IndexMask index_gt(Index a, Index b) { return _mm256_cmpgt_epi32_mask(a, b); }
+  static V select_by_index_mask(IndexMask m, V yes, V no) { return _mm512_mask_blend_pd(m, no, yes); }
+
+  // Windows of eight samples.
+  static constexpr bool has_window_loads = true;
+  static uint32_t bits(IndexMask m) { return m; }
+  static IndexMask mask_of_bits(uint32_t b) { return static_cast<IndexMask>(b); }
+  static IndexMask mask_andnot(IndexMask a, IndexMask b) { return _kandn_mask8(a, b); }
+  static bool union_is_full(IndexMask a, IndexMask b) { return _kortestc_mask8_u8(a, b); }
+  static Index sub_index(Index a, Index b) { return _mm256_sub_epi32(a, b); }
+  static Index clamp_index(Index i, int32_t lo, int32_t hi) {
+    return _mm256_max_epi32(_mm256_min_epi32(i, _mm256_set1_epi32(hi)), _mm256_set1_epi32(lo));
+  }
+  static Index broadcast_lane(Index i, int lane) {
+    return _mm256_permutexvar_epi32(_mm256_set1_epi32(lane), i);
+  }
+  static int32_t first_lane(Index i) { return _mm_cvtsi128_si32(_mm256_castsi256_si128(i)); }
+  static IndexMask index_within(Index rel, int32_t max) {
+    return _mm256_cmple_epu32_mask(rel, _mm256_set1_epi32(max));
+  }
+  template <class Sample>
+  static V load_window(const Sample* p) {
+    static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
+    return _mm512_loadu_pd(p);
+  }
+  static V permute(V window, Index rel) {
+    return _mm512_permutexvar_pd(_mm512_cvtepu32_epi64(rel), window);
+  }
+  static V permute_into(V dst, IndexMask m, V window, Index rel) {
+    return _mm512_mask_permutexvar_pd(dst, m, _mm512_cvtepu32_epi64(rel), window);
   }
 };
 
