@@ -49,15 +49,29 @@ concept HasXPairGather = Ops::has_x_pair_gather;
 template <class Ops>
 concept HasWindowLoads = Ops::has_window_loads;
 
-// The lowest and highest offsets any read of the grid can have (every index
-// clamped into [0, n - 1]). Windows read only inside this range, so they
-// touch no memory that the grid's own samples do not span.
-struct OffsetRange {
+// What a row kernel works out once per row.
+struct RowPlan {
+  // The lowest and highest offsets any read of the grid can have (every
+  // index clamped into [0, n - 1]), when offsets fit in 32 bits. Windows read
+  // only inside them, so they touch no memory that the grid's own samples do
+  // not span.
   int32_t lo = 0, hi = 0;
   // Where windows of `lanes` samples may start so that they lie in [lo, hi];
-  // empty (window_lo > window_hi) when the range is shorter than a window.
+  // empty (window_lo > window_hi) when the span is shorter than a window.
   int32_t window_lo = 1, window_hi = 0;
+  // True when every axis has samples and its bound n - 1 converted to the
+  // coordinate type is not above n - 1 (it can round up above 2^24 in
+  // float): a point inside the grid then rounds to indices in [0, n - 1].
+  bool bounds_exact = false;
 };
+
+template <class Sample>
+inline bool bounds_exact(const Grid<Sample>& g) {
+  auto exact = [](CoordOf<Sample> bound, int32_t n) {
+    return n >= 1 && static_cast<int64_t>(bound) <= int64_t{n} - 1;
+  };
+  return exact(g.bound_x, g.nx) && exact(g.bound_y, g.ny) && exact(g.bound_z, g.nz);
+}
 
 // Margin kept below the 32-bit limits by the offset-vector path, so that
 // placing a window (an offset minus at most half a vector) cannot wrap.
@@ -66,11 +80,11 @@ inline constexpr int32_t window_margin = 64;
 // Windows compare offsets with window starts as unsigned differences, which
 // needs every two offsets of the grid to lie within 2^31 of each other. When
 // they do, fills in where windows of `lanes` samples may start.
-inline bool windows_fit(OffsetRange& range, int32_t lanes) {
-  if (int64_t{range.hi} - range.lo > INT32_MAX - window_margin) return false;
-  if (int64_t{range.hi} - range.lo >= lanes - 1) {
-    range.window_lo = range.lo;
-    range.window_hi = range.hi - (lanes - 1);
+inline bool windows_fit(RowPlan& plan, int32_t lanes) {
+  if (int64_t{plan.hi} - plan.lo > INT32_MAX - window_margin) return false;
+  if (int64_t{plan.hi} - plan.lo >= lanes - 1) {
+    plan.window_lo = plan.lo;
+    plan.window_hi = plan.hi - (lanes - 1);
   }
   return true;
 }
@@ -98,11 +112,10 @@ struct GroupKernel {
   static constexpr bool chains_tests = requires(Mask m, V a) { Ops::and_not_gt(m, a, a); };
   struct Query {
     V xq, yq, zq, dx, dy, dz;
-    Mask outside_or_kept;  // kept when chains_tests, else outside
+    Mask outside_or_kept;  // by block_test: kept when chains_tests, else outside
   };
 
-  QZ_ALWAYS_INLINE static Query load_query(const Grid<Sample>& g, const C* xs, const C* ys,
-                                           const C* zs) {
+  QZ_ALWAYS_INLINE static Query load_query(const C* xs, const C* ys, const C* zs) {
     const V one = Ops::set1(C(1));
     Query q;
     q.xq = Ops::load(xs);
@@ -111,6 +124,11 @@ struct GroupKernel {
     q.dx = Ops::sub(q.xq, one);
     q.dy = Ops::sub(q.yq, one);
     q.dz = Ops::sub(q.zq, one);
+    return q;
+  }
+
+  QZ_ALWAYS_INLINE static void block_test(const Grid<Sample>& g, Query& q) {
+    const V one = Ops::set1(C(1));
     if constexpr (chains_tests) {
       Mask kept = Ops::not_gt(one, q.xq);
       kept = Ops::and_not_gt(kept, q.dx, Ops::set1(g.bound_x));
@@ -124,7 +142,32 @@ struct GroupKernel {
       q.outside_or_kept =
           Ops::or_(m, Ops::or_(Ops::gt(one, q.zq), Ops::gt(q.dz, Ops::set1(g.bound_z))));
     }
-    return q;
+  }
+
+  // True when every lane is inside the grid with no NaN coordinate (ordered
+  // comparisons) and the bounds are exact: then no lane is filled, and
+  // rounding d gives indices in [0, n - 1] with nothing to clamp. Groups of
+  // a slice through the grid mostly are; with windows, and where Ops has the
+  // chained ordered comparisons, this check costs less than the clamps it
+  // saves (gathered groups gain nothing from it).
+  static constexpr bool checks_inside = F == Fetch::windows && requires(Mask m, V a) {
+    Ops::and_ge(m, a, a);
+    Ops::and_le(m, a, a);
+    Ops::all_set(m);
+  };
+  QZ_ALWAYS_INLINE static bool all_inside(const Grid<Sample>& g, const RowPlan& plan,
+                                          const Query& q) {
+    {
+      if (!plan.bounds_exact) return false;
+      const V one = Ops::set1(C(1));
+      Mask in = Ops::ge(q.xq, one);
+      in = Ops::and_le(in, q.dx, Ops::set1(g.bound_x));
+      in = Ops::and_ge(in, q.yq, one);
+      in = Ops::and_le(in, q.dy, Ops::set1(g.bound_y));
+      in = Ops::and_ge(in, q.zq, one);
+      in = Ops::and_le(in, q.dz, Ops::set1(g.bound_z));
+      return Ops::all_set(in);
+    }
   }
 
   // The value of each lane, or the fill value where the lane is outside.
@@ -140,6 +183,14 @@ struct GroupKernel {
   // (ties to even), down or up, then converted as to_index does. Ops may
   // round and convert in one step (round_to_index<Mode>).
   enum class Rounding { nearest_even, down, up };
+  template <Rounding R, bool Inside>
+  QZ_ALWAYS_INLINE static Index index_of(V d, int32_t n) {
+    if constexpr (Inside) {
+      return Ops::template round_to_index_in_range<static_cast<int>(R)>(d);
+    } else {
+      return clamped_index<R>(d, n);
+    }
+  }
   template <Rounding R>
   QZ_ALWAYS_INLINE static Index clamped_index(V d, int32_t n) {
     if constexpr (requires { Ops::template round_to_index<0>(d); }) {
@@ -155,28 +206,41 @@ struct GroupKernel {
 
   // Both methods return false when windows did not serve the group and it
   // was gathered instead.
-  QZ_ALWAYS_INLINE static bool nearest(const Grid<Sample>& g, const OffsetRange& range, const C* xs,
+  QZ_ALWAYS_INLINE static bool nearest(const Grid<Sample>& g, const RowPlan& plan, const C* xs,
                                        const C* ys, const C* zs, C* out) {
-    const Query q = load_query(g, xs, ys, zs);
+    Query q = load_query(xs, ys, zs);
+    if constexpr (checks_inside) {
+      if (all_inside(g, plan, q)) return nearest_of<true>(g, plan, q, out);
+    }
+    block_test(g, q);
+    return nearest_of<false>(g, plan, q, out);
+  }
+  template <bool Inside>
+  QZ_ALWAYS_INLINE static bool nearest_of(const Grid<Sample>& g, const RowPlan& plan,
+                                          const Query& q, C* out) {
     // Round to nearest, ties to even.
-    const Index ix = clamped_index<Rounding::nearest_even>(q.dx, g.nx);
-    const Index iy = clamped_index<Rounding::nearest_even>(q.dy, g.ny);
-    const Index iz = clamped_index<Rounding::nearest_even>(q.dz, g.nz);
+    const Index ix = index_of<Rounding::nearest_even, Inside>(q.dx, g.nx);
+    const Index iy = index_of<Rounding::nearest_even, Inside>(q.dy, g.ny);
+    const Index iz = index_of<Rounding::nearest_even, Inside>(q.dz, g.nz);
     bool windows_sufficed = true;
-    const V value = fetch_sample(g, range, ix, iy, iz, windows_sufficed);
-    Ops::store(out, value_or_fill(g, q, value));
+    const V value = fetch_sample(g, plan, ix, iy, iz, windows_sufficed);
+    if constexpr (Inside) {
+      Ops::store(out, value);
+    } else {
+      Ops::store(out, value_or_fill(g, q, value));
+    }
     return windows_sufficed;
   }
 
   // The one sample of each lane.
-  QZ_ALWAYS_INLINE static V fetch_sample(const Grid<Sample>& g, const OffsetRange& range, Index ix,
+  QZ_ALWAYS_INLINE static V fetch_sample(const Grid<Sample>& g, const RowPlan& plan, Index ix,
                                          Index iy, Index iz, bool& windows_sufficed) {
     if constexpr (OffsetVectors) {
       const Index yz = Ops::add_index(Ops::mul_index(iy, g.stride1), Ops::mul_index(iz, g.stride2));
       const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
       if constexpr (F == Fetch::windows) {
         V value;
-        if (Windows::sample(g, range, Ops::add_index(row, ix), value)) [[likely]]
+        if (Windows::sample(g, plan, Ops::add_index(row, ix), value)) [[likely]]
           return value;
         windows_sufficed = false;
         return sample_out_of_line(g, row, ix);
@@ -298,10 +362,10 @@ struct GroupKernel {
 
     // One sample per lane at offsets o. False (and nothing read) when the
     // two windows do not serve every lane.
-    QZ_ALWAYS_INLINE static bool sample(const Grid<Sample>& g, const OffsetRange& range, Index o,
+    QZ_ALWAYS_INLINE static bool sample(const Grid<Sample>& g, const RowPlan& plan, Index o,
                                         V& value) {
       Pair w;
-      if (!place(o, range.window_lo, range.window_hi, 0, w)) return false;
+      if (!place(o, plan.window_lo, plan.window_hi, 0, w)) return false;
       value = read(g, w, 0, w.first_rel, w.last_rel);
       return true;
     }
@@ -312,11 +376,11 @@ struct GroupKernel {
     // rows are then the first one moved by dy, dz and dy + dz, and the two
     // windows placed for the first row serve them all, moved alike. False
     // (and nothing read) when they do not serve every lane.
-    QZ_ALWAYS_INLINE static bool corners(const Grid<Sample>& g, const OffsetRange& range, Index o,
+    QZ_ALWAYS_INLINE static bool corners(const Grid<Sample>& g, const RowPlan& plan, Index o,
                                          Index step, int64_t dy, int64_t dz, Corners& c) {
-      // Every moved window must lie in the grid's range too.
-      const int64_t lo = int64_t{range.lo} - (dy < 0 ? dy : 0) - (dz < 0 ? dz : 0);
-      const int64_t hi = int64_t{range.hi} - (N - 1) - (dy > 0 ? dy : 0) - (dz > 0 ? dz : 0);
+      // Every moved window must lie in the grid's offset span too.
+      const int64_t lo = int64_t{plan.lo} - (dy < 0 ? dy : 0) - (dz < 0 ? dz : 0);
+      const int64_t hi = int64_t{plan.hi} - (N - 1) - (dy > 0 ? dy : 0) - (dz > 0 ? dz : 0);
       if (lo > hi) return false;
       Pair w;
       if (!place(o, static_cast<int32_t>(lo), static_cast<int32_t>(hi), 1, w)) return false;
@@ -334,7 +398,7 @@ struct GroupKernel {
     }
   };
 
-  QZ_ALWAYS_INLINE static Corners fetch_corners(const Grid<Sample>& g, const OffsetRange& range,
+  QZ_ALWAYS_INLINE static Corners fetch_corners(const Grid<Sample>& g, const RowPlan& plan,
                                                 Index ix0, Index ix1, Index iy0, Index iy1,
                                                 Index iz0, Index iz1, bool& windows_sufficed) {
     if constexpr (!OffsetVectors) {
@@ -353,7 +417,7 @@ struct GroupKernel {
             Ops::set1_index(static_cast<int32_t>(-g.origin)));
         const int64_t dy = y_up ? g.stride1 : 0, dz = z_up ? g.stride2 : 0;
         Corners c;
-        if (Windows::corners(g, range, Ops::add_index(first_row, ix0), Ops::sub_index(ix1, ix0), dy,
+        if (Windows::corners(g, plan, Ops::add_index(first_row, ix0), Ops::sub_index(ix1, ix0), dy,
                              dz, c)) [[likely]] {
           return c;
         }
@@ -418,18 +482,27 @@ struct GroupKernel {
   }
 
   template <BlendPlan P>
-  QZ_ALWAYS_INLINE static bool trilinear(const Grid<Sample>& g, const OffsetRange& range,
-                                         const C* xs, const C* ys, const C* zs, C* out) {
+  QZ_ALWAYS_INLINE static bool trilinear(const Grid<Sample>& g, const RowPlan& plan, const C* xs,
+                                         const C* ys, const C* zs, C* out) {
+    Query q = load_query(xs, ys, zs);
+    if constexpr (checks_inside) {
+      if (all_inside(g, plan, q)) return trilinear_of<P, true>(g, plan, q, out);
+    }
+    block_test(g, q);
+    return trilinear_of<P, false>(g, plan, q, out);
+  }
+  template <BlendPlan P, bool Inside>
+  QZ_ALWAYS_INLINE static bool trilinear_of(const Grid<Sample>& g, const RowPlan& plan,
+                                            const Query& q, C* out) {
     const V one = Ops::set1(C(1));
     const V two = Ops::set1(C(2));
-    const Query q = load_query(g, xs, ys, zs);
     // Lower corners from the floor of q - 1, upper ones from its ceiling.
-    const Index ix0 = clamped_index<Rounding::down>(q.dx, g.nx);
-    const Index ix1 = clamped_index<Rounding::up>(q.dx, g.nx);
-    const Index iy0 = clamped_index<Rounding::down>(q.dy, g.ny);
-    const Index iy1 = clamped_index<Rounding::up>(q.dy, g.ny);
-    const Index iz0 = clamped_index<Rounding::down>(q.dz, g.nz);
-    const Index iz1 = clamped_index<Rounding::up>(q.dz, g.nz);
+    const Index ix0 = index_of<Rounding::down, Inside>(q.dx, g.nx);
+    const Index ix1 = index_of<Rounding::up, Inside>(q.dx, g.nx);
+    const Index iy0 = index_of<Rounding::down, Inside>(q.dy, g.ny);
+    const Index iy1 = index_of<Rounding::up, Inside>(q.dy, g.ny);
+    const Index iz0 = index_of<Rounding::down, Inside>(q.dz, g.nz);
+    const Index iz1 = index_of<Rounding::up, Inside>(q.dz, g.nz);
     // t is taken from q itself: in [1, 2) inside the grid.
     const V tx = Ops::sub(q.xq, Ops::to_coord(ix0));
     const V ty = Ops::sub(q.yq, Ops::to_coord(iy0));
@@ -439,10 +512,14 @@ struct GroupKernel {
     const V wzl = Ops::sub(two, tz);
 
     bool windows_sufficed = true;
-    const Corners c = fetch_corners(g, range, ix0, ix1, iy0, iy1, iz0, iz1, windows_sufficed);
+    const Corners c = fetch_corners(g, plan, ix0, ix1, iy0, iy1, iz0, iz1, windows_sufficed);
     const V r = Trilinear<P, Ops>::eval(c.v000, c.v100, c.v010, c.v110, c.v001, c.v101, c.v011,
                                         c.v111, wxl, wxu, wyl, wyu, tz, wzl);
-    Ops::store(out, value_or_fill(g, q, r));
+    if constexpr (Inside) {
+      Ops::store(out, r);
+    } else {
+      Ops::store(out, value_or_fill(g, q, r));
+    }
     return windows_sufficed;
   }
 };
@@ -451,23 +528,23 @@ struct GroupKernel {
 // false when windows did not serve it.
 template <class Ops, Method M, class Sample, BlockKind Kind, bool FirstGroup,
           Fetch F = Fetch::per_lane>
-QZ_ALWAYS_INLINE bool compute_group(const Grid<Sample>& g, const OffsetRange& range,
+QZ_ALWAYS_INLINE bool compute_group(const Grid<Sample>& g, const RowPlan& plan,
                                     const CoordOf<Sample>* xs, const CoordOf<Sample>* ys,
                                     const CoordOf<Sample>* zs, CoordOf<Sample>* out) {
   using Kernel = GroupKernel<Ops, Sample, F>;
   if constexpr (M == Method::nearest) {
-    return Kernel::nearest(g, range, xs, ys, zs, out);
+    return Kernel::nearest(g, plan, xs, ys, zs, out);
   } else {
-    return Kernel::template trilinear<blend_plan<Sample>(Kind, FirstGroup)>(g, range, xs, ys, zs,
+    return Kernel::template trilinear<blend_plan<Sample>(Kind, FirstGroup)>(g, plan, xs, ys, zs,
                                                                             out);
   }
 }
 
-// True, with the range of the grid's offsets, when every offset the grid can
+// True, with the span of the grid's offsets, when every offset the grid can
 // produce, and every partial sum of one, lies within the 32-bit limits less
 // window_margin, so that 32-bit arithmetic is exact.
 template <class Sample>
-inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, OffsetRange& range) {
+inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, RowPlan& plan) {
   auto span = [](int32_t n, int32_t stride) {
     const int64_t steps = n > 1 ? int64_t{n} - 1 : 0;
     return steps * stride;
@@ -478,20 +555,19 @@ inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, OffsetRange& range) {
   if (magnitude(g.origin) > limit) return false;
   const int64_t reach = magnitude(g.origin) + span(g.nx, 1) + magnitude(sy) + magnitude(sz);
   if (reach > limit) return false;
-  range.lo = static_cast<int32_t>(-g.origin + (sy < 0 ? sy : 0) + (sz < 0 ? sz : 0));
-  range.hi =
-      static_cast<int32_t>(-g.origin + span(g.nx, 1) + (sy > 0 ? sy : 0) + (sz > 0 ? sz : 0));
+  plan.lo = static_cast<int32_t>(-g.origin + (sy < 0 ? sy : 0) + (sz < 0 ? sz : 0));
+  plan.hi = static_cast<int32_t>(-g.origin + span(g.nx, 1) + (sy > 0 ? sy : 0) + (sz > 0 ? sz : 0));
   return true;
 }
 
 // Full blocks [c, end) in wide groups.
 template <class Wide, Method M, class Sample, Fetch F>
-inline int64_t wide_full_groups(const Grid<Sample>& grid, const OffsetRange& offset_range,
+inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_plan,
                                 const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end) {
   // Local copies: the compiler then knows that the stores to the output do
   // not change them, and keeps them in registers.
   const Grid<Sample> g = grid;
-  const OffsetRange range = offset_range;
+  const RowPlan plan = row_plan;
   const RowSpan<CoordOf<Sample>> r = span;
   if constexpr (F == Fetch::windows) {
     // Windows pay off where two of them serve a group's lanes: coherent runs
@@ -506,9 +582,9 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const OffsetRange& off
       if (gather_groups > 0) {
         --gather_groups;
         compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
-            g, range, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
+            g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
       } else if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
-                     g, range, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) [[likely]] {
+                     g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) [[likely]] {
 #if defined(QZINTERP3D_KERNEL_PROBE)
         ++served;
 #endif
@@ -526,7 +602,7 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const OffsetRange& off
 #endif
   } else {
     for (; c + Wide::lanes <= end; c += Wide::lanes) {
-      compute_group<Wide, M, Sample, BlockKind::full, false, F>(g, range, r.xq + c, r.yq + c,
+      compute_group<Wide, M, Sample, BlockKind::full, false, F>(g, plan, r.xq + c, r.yq + c,
                                                                 r.zq + c, r.vq + c);
     }
   }
@@ -549,39 +625,40 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
   static_assert(W % Narrow::lanes == 0, "a block is a whole number of narrow groups");
   const int64_t full_columns = int64_t{r.full_blocks} * W;
   int64_t c = 0;
-  OffsetRange range;
+  RowPlan plan;
+  plan.bounds_exact = bounds_exact(g);
   if constexpr (HasOffsetVectors<Wide>) {
     Fetch fetch = Fetch::per_lane;
-    if (offsets_fit_in_32_bits(g, range)) {
+    if (offsets_fit_in_32_bits(g, plan)) {
       fetch =
-          HasWindowLoads<Wide> && windows_fit(range, Wide::lanes) ? Fetch::windows : Fetch::gathers;
+          HasWindowLoads<Wide> && windows_fit(plan, Wide::lanes) ? Fetch::windows : Fetch::gathers;
     }
     switch (fetch) {
       case Fetch::per_lane:
-        c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, range, r, c, full_columns);
+        c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, plan, r, c, full_columns);
         break;
       case Fetch::gathers:
-        c = wide_full_groups<Wide, M, Sample, Fetch::gathers>(g, range, r, c, full_columns);
+        c = wide_full_groups<Wide, M, Sample, Fetch::gathers>(g, plan, r, c, full_columns);
         break;
       case Fetch::windows:
         if constexpr (HasWindowLoads<Wide>) {
-          c = wide_full_groups<Wide, M, Sample, Fetch::windows>(g, range, r, c, full_columns);
+          c = wide_full_groups<Wide, M, Sample, Fetch::windows>(g, plan, r, c, full_columns);
         }
         break;
     }
   } else {
-    c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, range, r, c, full_columns);
+    c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, plan, r, c, full_columns);
   }
   for (; c < full_columns; c += Narrow::lanes) {
-    compute_group<Narrow, M, Sample, BlockKind::full, false>(g, range, r.xq + c, r.yq + c, r.zq + c,
+    compute_group<Narrow, M, Sample, BlockKind::full, false>(g, plan, r.xq + c, r.yq + c, r.zq + c,
                                                              r.vq + c);
   }
   if (r.last_blocks > 0) {
-    compute_group<Narrow, M, Sample, BlockKind::last, true>(g, range, r.xq_last, r.yq_last,
+    compute_group<Narrow, M, Sample, BlockKind::last, true>(g, plan, r.xq_last, r.yq_last,
                                                             r.zq_last, r.vq_last);
     for (int64_t k = Narrow::lanes; k < W; k += Narrow::lanes) {
       compute_group<Narrow, M, Sample, BlockKind::last, false>(
-          g, range, r.xq_last + k, r.yq_last + k, r.zq_last + k, r.vq_last + k);
+          g, plan, r.xq_last + k, r.yq_last + k, r.zq_last + k, r.vq_last + k);
     }
   }
 }

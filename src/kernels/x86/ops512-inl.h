@@ -57,9 +57,22 @@ struct Ops512<float> {
     return _mm512_mask_mov_epi32(_mm512_cvt_roundps_epi32(a, rounding | _MM_FROUND_NO_EXC), high,
                                  _mm512_set1_epi32(INT32_MAX));
   }
-  // not (a > b), true when either is NaN; chained under a mask.
+  // Values already known to round into [0, 2^31): no saturation.
+  template <int Mode>
+  static Index round_to_index_in_range(V a) {
+    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
+                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
+                                         : _MM_FROUND_TO_POS_INF;
+    return _mm512_cvt_roundps_epi32(a, rounding | _MM_FROUND_NO_EXC);
+  }
+  // not (a > b), true when either is NaN; ordered a >= b and a <= b; each
+  // chained under a mask.
   static Mask not_gt(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_NGT_UQ); }
   static Mask and_not_gt(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_NGT_UQ); }
+  static Mask ge(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ); }
+  static Mask and_ge(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_GE_OQ); }
+  static Mask and_le(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_LE_OQ); }
+  static bool all_set(Mask m) { return _kortestc_mask16_u8(m, m); }
   static V to_coord(Index i) { return _mm512_cvtepi32_ps(i); }
   static void store_index(int32_t* p, Index i) { _mm512_store_si512(p, i); }
 
@@ -252,8 +265,19 @@ struct Ops512<double> {
                                          : _MM_FROUND_TO_POS_INF;
     return _mm512_cvtepi64_epi32(_mm512_cvt_roundpd_epi64(a, rounding | _MM_FROUND_NO_EXC));
   }
+  template <int Mode>
+  static Index round_to_index_in_range(V a) {
+    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
+                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
+                                         : _MM_FROUND_TO_POS_INF;
+    return _mm512_cvt_roundpd_epi32(a, rounding | _MM_FROUND_NO_EXC);
+  }
   static Mask not_gt(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_NGT_UQ); }
   static Mask and_not_gt(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_NGT_UQ); }
+  static Mask ge(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_GE_OQ); }
+  static Mask and_ge(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_GE_OQ); }
+  static Mask and_le(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_LE_OQ); }
+  static bool all_set(Mask m) { return _kortestc_mask8_u8(m, m); }
 
   // Offsets in 32-bit lanes (eight, in a 32-byte vector).
   static constexpr bool has_offset_vectors = true;
