@@ -6,6 +6,13 @@
 namespace qzinterp3d {
 namespace QZ_TARGET_NS {
 
+// Embedded rounding for the round_to_index modes: 0 nearest (ties to
+// even), 1 down, 2 up.
+template <int Mode>
+inline constexpr int rounding_of = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
+                                   : Mode == 1 ? _MM_FROUND_TO_NEG_INF
+                                               : _MM_FROUND_TO_POS_INF;
+
 template <class C>
 struct Ops512;
 
@@ -50,20 +57,14 @@ struct Ops512<float> {
   // to 2^31 or more in every mode, and saturates.
   template <int Mode>
   static Index round_to_index(V a) {
-    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
-                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
-                                         : _MM_FROUND_TO_POS_INF;
     const Mask high = _mm512_cmp_ps_mask(a, _mm512_set1_ps(2147483648.0f), _CMP_GE_OQ);
-    return _mm512_mask_mov_epi32(_mm512_cvt_roundps_epi32(a, rounding | _MM_FROUND_NO_EXC), high,
-                                 _mm512_set1_epi32(INT32_MAX));
+    return _mm512_mask_mov_epi32(_mm512_cvt_roundps_epi32(a, rounding_of<Mode> | _MM_FROUND_NO_EXC),
+                                 high, _mm512_set1_epi32(INT32_MAX));
   }
   // Values already known to round into [0, 2^31): no saturation.
   template <int Mode>
   static Index round_to_index_in_range(V a) {
-    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
-                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
-                                         : _MM_FROUND_TO_POS_INF;
-    return _mm512_cvt_roundps_epi32(a, rounding | _MM_FROUND_NO_EXC);
+    return _mm512_cvt_roundps_epi32(a, rounding_of<Mode> | _MM_FROUND_NO_EXC);
   }
   // not (a > b), true when either is NaN; ordered a >= b and a <= b; each
   // chained under a mask.
@@ -98,16 +99,21 @@ struct Ops512<float> {
   using IndexMask = __mmask16;
   static Index min_index(Index a, int32_t hi) { return _mm512_min_epi32(a, _mm512_set1_epi32(hi)); }
   static IndexMask index_gt(Index a, Index b) { return _mm512_cmpgt_epi32_mask(a, b); }
-  static V select_by_index_mask(IndexMask m, V yes, V no) { return _mm512_mask_blend_ps(m, no, yes); }
+  static V select_by_index_mask(IndexMask m, V yes, V no) {
+    return _mm512_mask_blend_ps(m, no, yes);
+  }
 
   template <class Sample>
   static void gather_x_pairs(const Sample* b, Index offsets, Index p, V& first, V& second) {
     if constexpr (sizeof(Sample) == 4) {
       // Eight 64-bit pairs per gather, then even and odd words apart.
       const __m512i lanes0to7 = _mm512_i32gather_epi64(_mm512_castsi512_si256(offsets), b, 4);
-      const __m512i lanes8to15 = _mm512_i32gather_epi64(_mm512_extracti64x4_epi64(offsets, 1), b, 4);
-      const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
-      const __m512i odd = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+      const __m512i lanes8to15 =
+          _mm512_i32gather_epi64(_mm512_extracti64x4_epi64(offsets, 1), b, 4);
+      const __m512i even =
+          _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+      const __m512i odd =
+          _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
       first = convert_words<Sample>(_mm512_permutex2var_epi32(lanes0to7, even, lanes8to15));
       second = convert_words<Sample>(_mm512_permutex2var_epi32(lanes0to7, odd, lanes8to15));
     } else if constexpr (sizeof(Sample) == 2) {
@@ -126,8 +132,10 @@ struct Ops512<float> {
       const __m512i w = _mm512_i32gather_epi32(_mm512_sub_epi32(offsets, back), b, 1);
       const __m512i bits = _mm512_slli_epi32(back, 3);
       // Move sample p to the top byte, then shift down with its sign or not.
-      const __m512i at_top_first = _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(24), bits));
-      const __m512i at_top_second = _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(16), bits));
+      const __m512i at_top_first =
+          _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(24), bits));
+      const __m512i at_top_second =
+          _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(16), bits));
       if constexpr (std::is_signed_v<Sample>) {
         first = _mm512_cvtepi32_ps(_mm512_srai_epi32(at_top_first, 24));
         second = _mm512_cvtepi32_ps(_mm512_srai_epi32(at_top_second, 24));
@@ -193,9 +201,9 @@ struct Ops512<float> {
   template <class Sample, class Offset>
   static V from_lanes(const Sample* b, const Offset* o) {
     if constexpr (std::is_same_v<Sample, float>) {
-      return _mm512_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]],
-                            b[o[7]], b[o[8]], b[o[9]], b[o[10]], b[o[11]], b[o[12]], b[o[13]],
-                            b[o[14]], b[o[15]]);
+      return _mm512_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]],
+                            b[o[8]], b[o[9]], b[o[10]], b[o[11]], b[o[12]], b[o[13]], b[o[14]],
+                            b[o[15]]);
     } else {
       const __m512i v = _mm512_setr_epi32(
           static_cast<int>(b[o[0]]), static_cast<int>(b[o[1]]), static_cast<int>(b[o[2]]),
@@ -260,17 +268,12 @@ struct Ops512<double> {
   // bits keeping the low 32 as to_index does; chained masked comparisons.
   template <int Mode>
   static Index round_to_index(V a) {
-    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
-                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
-                                         : _MM_FROUND_TO_POS_INF;
-    return _mm512_cvtepi64_epi32(_mm512_cvt_roundpd_epi64(a, rounding | _MM_FROUND_NO_EXC));
+    return _mm512_cvtepi64_epi32(
+        _mm512_cvt_roundpd_epi64(a, rounding_of<Mode> | _MM_FROUND_NO_EXC));
   }
   template <int Mode>
   static Index round_to_index_in_range(V a) {
-    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
-                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
-                                         : _MM_FROUND_TO_POS_INF;
-    return _mm512_cvt_roundpd_epi32(a, rounding | _MM_FROUND_NO_EXC);
+    return _mm512_cvt_roundpd_epi32(a, rounding_of<Mode> | _MM_FROUND_NO_EXC);
   }
   static Mask not_gt(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_NGT_UQ); }
   static Mask and_not_gt(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_NGT_UQ); }
@@ -292,7 +295,9 @@ struct Ops512<double> {
   using IndexMask = __mmask8;
   static Index min_index(Index a, int32_t hi) { return _mm256_min_epi32(a, _mm256_set1_epi32(hi)); }
   static IndexMask index_gt(Index a, Index b) { return _mm256_cmpgt_epi32_mask(a, b); }
-  static V select_by_index_mask(IndexMask m, V yes, V no) { return _mm512_mask_blend_pd(m, no, yes); }
+  static V select_by_index_mask(IndexMask m, V yes, V no) {
+    return _mm512_mask_blend_pd(m, no, yes);
+  }
 
   // Windows of eight samples.
   static constexpr bool has_window_loads = true;
