@@ -4,6 +4,7 @@
 #include <immintrin.h>
 
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "kernels/blend.h"

@@ -61,7 +61,9 @@ struct Ops256<float> {
   static Index set1_index(int32_t v) { return _mm256_set1_epi32(v); }
   // Scalar reads, not hardware gathers: this set runs on CPUs without
   // AVX-512, and on many of them (AMD before Zen 4, Intel with the gather
-  // microcode mitigation) gathers are slower than eight scalar loads.
+  // microcode mitigation) gathers are slower than eight scalar loads. Even
+  // on a CPU with fast gathers they won only on scattered points, where
+  // reading x pairs with scalar loads wins more.
   template <class Sample>
   static V gather_offsets(const Sample* b, Index offsets) {
     alignas(32) int32_t o[8];
@@ -73,6 +75,57 @@ struct Ops256<float> {
   // blendv), so a mask made from bits may leave the other bits unset.
   using IndexMask = __m256i;
   static IndexMask index_gt(Index a, Index b) { return _mm256_cmpgt_epi32(a, b); }
+  static Index min_index(Index a, int32_t hi) { return _mm256_min_epi32(a, _mm256_set1_epi32(hi)); }
+  static V select_by_index_mask(IndexMask m, V yes, V no) {
+    return _mm256_blendv_ps(no, yes, _mm256_castsi256_ps(m));
+  }
+
+  // Both x corners of a lane from one scalar read of two adjacent samples
+  // (p and p + 1 both lie in the row): half the reads of two gathers.
+  static constexpr bool has_x_pair_gather = true;
+  template <class Sample>
+  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, V& first, V& second) {
+    alignas(32) int32_t o[8];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(o), offsets);
+    if constexpr (sizeof(Sample) == 4) {
+      // Lanes l and m as two 64-bit pairs, then even and odd words apart.
+      auto pairs = [&](int l, int m) {
+        const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(b + o[l]));
+        return _mm_castpd_ps(
+            _mm_loadh_pd(_mm_castsi128_pd(low), reinterpret_cast<const double*>(b + o[m])));
+      };
+      const __m256 lanes0145 =
+          _mm256_insertf128_ps(_mm256_castps128_ps256(pairs(0, 1)), pairs(4, 5), 1);
+      const __m256 lanes2367 =
+          _mm256_insertf128_ps(_mm256_castps128_ps256(pairs(2, 3)), pairs(6, 7), 1);
+      first = convert_words<Sample>(
+          _mm256_castps_si256(_mm256_shuffle_ps(lanes0145, lanes2367, _MM_SHUFFLE(2, 0, 2, 0))));
+      second = convert_words<Sample>(
+          _mm256_castps_si256(_mm256_shuffle_ps(lanes0145, lanes2367, _MM_SHUFFLE(3, 1, 3, 1))));
+    } else {
+      // Both samples in one word, p in its low half; extended by their type.
+      using Word = std::conditional_t<sizeof(Sample) == 2, uint32_t, uint16_t>;
+      const __m256i w = _mm256_setr_epi32(word_at<Word>(b + o[0]), word_at<Word>(b + o[1]),
+                                          word_at<Word>(b + o[2]), word_at<Word>(b + o[3]),
+                                          word_at<Word>(b + o[4]), word_at<Word>(b + o[5]),
+                                          word_at<Word>(b + o[6]), word_at<Word>(b + o[7]));
+      constexpr int bits = 8 * sizeof(Sample);
+      if constexpr (std::is_signed_v<Sample>) {
+        first = _mm256_cvtepi32_ps(_mm256_srai_epi32(_mm256_slli_epi32(w, 32 - bits), 32 - bits));
+        second =
+            _mm256_cvtepi32_ps(_mm256_srai_epi32(_mm256_slli_epi32(w, 32 - 2 * bits), 32 - bits));
+      } else {
+        first = _mm256_cvtepi32_ps(_mm256_and_si256(w, _mm256_set1_epi32((1 << bits) - 1)));
+        second = _mm256_cvtepi32_ps(_mm256_srli_epi32(w, bits));
+      }
+    }
+  }
+  template <class Word, class Sample>
+  static int word_at(const Sample* p) {
+    Word w;
+    std::memcpy(&w, p, sizeof w);
+    return static_cast<int>(w);
+  }
 
   // Windows: eight consecutive samples by one load, handed out by permutes.
   static constexpr bool has_window_loads = true;
