@@ -43,6 +43,21 @@ struct Ops256<float> {
   static Index clamp(Index i, int32_t hi) {
     return _mm256_max_epi32(_mm256_min_epi32(i, _mm256_set1_epi32(hi)), _mm256_setzero_si256());
   }
+  // Values already known to round into [0, 2^31): rounded in the given mode
+  // (0: nearest, ties to even; 1: down; 2: up), then converted exactly.
+  template <int Mode>
+  static Index round_to_index_in_range(V a) {
+    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
+                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
+                                         : _MM_FROUND_TO_POS_INF;
+    return _mm256_cvttps_epi32(_mm256_round_ps(a, rounding | _MM_FROUND_NO_EXC));
+  }
+  // Ordered a >= b and a <= b, the latter two and-ed into a mask: with the
+  // test that every lane is inside, they spare a group its clamps and fill.
+  static Mask ge(V a, V b) { return _mm256_cmp_ps(a, b, _CMP_GE_OQ); }
+  static Mask and_ge(Mask m, V a, V b) { return _mm256_and_ps(m, _mm256_cmp_ps(a, b, _CMP_GE_OQ)); }
+  static Mask and_le(Mask m, V a, V b) { return _mm256_and_ps(m, _mm256_cmp_ps(a, b, _CMP_LE_OQ)); }
+  static bool all_set(Mask m) { return _mm256_movemask_ps(m) == 0xFF; }
   static V to_coord(Index i) { return _mm256_cvtepi32_ps(i); }
   static void store_index(int32_t* p, Index i) {
     _mm256_store_si256(reinterpret_cast<__m256i*>(p), i);
@@ -136,6 +151,12 @@ struct Ops256<float> {
   static IndexMask mask_of_bits(uint32_t b) {
     return _mm256_sllv_epi32(_mm256_set1_epi32(static_cast<int32_t>(b)),
                              _mm256_setr_epi32(31, 30, 29, 28, 27, 26, 25, 24));
+  }
+  // Lanes of b not in a, and whether a and b together hold every lane,
+  // without going through bits.
+  static IndexMask mask_andnot(IndexMask a, IndexMask b) { return _mm256_andnot_si256(a, b); }
+  static bool union_is_full(IndexMask a, IndexMask b) {
+    return _mm256_movemask_ps(_mm256_castsi256_ps(_mm256_or_si256(a, b))) == 0xFF;
   }
   static Index sub_index(Index a, Index b) { return _mm256_sub_epi32(a, b); }
   static Index clamp_index(Index i, int32_t lo, int32_t hi) {
