@@ -20,6 +20,7 @@
 // Optionally (has_x_pair_gather), gather_x_pairs<Sample>(base, offsets, p,
 //   first, second): the samples at offsets and offsets + 1 of each lane,
 //   where p is the lane's x index (0 <= p <= nx - 2), so both lie in the row.
+//   With single_samples_in_pairs, nearest reads narrow samples that way too.
 // Optionally (has_window_loads, with offset vectors), reads of `lanes`
 //   consecutive samples handed out to the lanes by permutes (see Windows):
 //   IndexMask with bits / mask_of_bits, sub_index, clamp_index(i, lo, hi),
@@ -48,6 +49,11 @@ concept HasXPairGather = Ops::has_x_pair_gather;
 
 template <class Ops>
 concept HasWindowLoads = Ops::has_window_loads;
+
+// Where a hardware gather of 32-bit words is the way to read narrow samples,
+// a single sample is best read as part of a pair too.
+template <class Ops>
+concept ReadsSinglesInPairs = HasXPairGather<Ops> && Ops::single_samples_in_pairs;
 
 // What a row kernel works out once per row.
 struct RowPlan {
@@ -268,7 +274,7 @@ struct GroupKernel {
 
   // The sample at row + ix of each lane, by gathering (offset vectors).
   static inline V gather_sample(const Grid<Sample>& g, Index row, Index ix) {
-    if constexpr (HasXPairGather<Ops> && sizeof(Sample) < 4) {
+    if constexpr (ReadsSinglesInPairs<Ops> && sizeof(Sample) < 4) {
       // Narrow samples are read in pairs (see gather_pair): at
       // p = min(ix, nx - 2), keeping the one at ix.
       const Index p = Ops::min_index(ix, last_index(g.nx) - 1);

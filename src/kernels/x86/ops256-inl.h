@@ -98,6 +98,9 @@ struct Ops256<float> {
   // Both x corners of a lane from one scalar read of two adjacent samples
   // (p and p + 1 both lie in the row): half the reads of two gathers.
   static constexpr bool has_x_pair_gather = true;
+  // Scalar pair loads beat per-lane single loads only when both samples are
+  // used; a single sample is read alone.
+  static constexpr bool single_samples_in_pairs = false;
   template <class Sample>
   static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, V& first, V& second) {
     alignas(32) int32_t o[8];

@@ -96,6 +96,7 @@ struct Ops512<float> {
   }
 
   static constexpr bool has_x_pair_gather = true;
+  static constexpr bool single_samples_in_pairs = true;
   using IndexMask = __mmask16;
   static Index min_index(Index a, int32_t hi) { return _mm512_min_epi32(a, _mm512_set1_epi32(hi)); }
   static IndexMask index_gt(Index a, Index b) { return _mm512_cmpgt_epi32_mask(a, b); }
