@@ -3,9 +3,14 @@
 // the path threshold (nx against the block width W), mins, padded and
 // reversed row strides, output widths below, at and above W, empty and
 // negative extents, coordinates that are NaN, infinite, huge, exact integers,
-// halves or any bit pattern, any fill value. Once the input runs out, the
-// remaining choices come from a generator seeded with the input's hash (see
-// Source), so every input describes a whole call.
+// halves or any bit pattern, any fill value. Or, when the input asks for
+// it, coherent coordinates: linear ramps along the rows (oblique slices,
+// upsampling grids) with small steps of either sign, sometimes whole
+// numbers, often crossing the grid's edges, with a few NaN or infinite
+// lanes, over wider outputs and grids with rows and planes in either order,
+// so that the window reads of such groups run here too. Once the input runs
+// out, the remaining choices come from a generator seeded with the input's
+// hash (see Source), so every input describes a whole call.
 //
 // Every buffer is sized through the pipeline's own bounds query and lives in
 // its own mapping between two PROT_NONE guard pages, pushed against one of
@@ -170,6 +175,8 @@ class Source {
     return T(rng_());
   }
   bool flip() { return range<int>(0, 1) == 1; }
+  // True while choices still come from the input itself.
+  bool from_input() { return in_.remaining_bytes() > 0; }
   // In [0, 1].
   double unit() {
     if (in_.remaining_bytes() > 0) return in_.ConsumeProbability<double>();
@@ -296,6 +303,76 @@ Layout2D pick_layout(Source& in, int32_t region_min, int32_t region_extent, int3
   return l;
 }
 
+// Coherent calls: grids and outputs wide enough for the widest groups of
+// full blocks (16 columns) and for windows (16 samples), or just above W.
+int32_t pick_coherent_extent(Source& in, int32_t W) {
+  const int32_t extents[] = {W + 1, W + 2, 16, 17, 2 * W + 1, 33};
+  const int kind = in.range<int>(0, 7);
+  if (kind < 6) return std::max(extents[kind], W + 1);
+  return kind == 6 ? pick_width(in, W) : in.range<int32_t>(W + 1, 70);
+}
+
+int32_t pick_coherent_width(Source& in, int32_t W) {
+  const int32_t widths[] = {16, 17, 32 + W - 1, 48, 64, 65};
+  const int kind = in.range<int>(0, 7);
+  if (kind < 6) return widths[kind];
+  return kind == 6 ? pick_width(in, W) : in.range<int32_t>(1, 100);
+}
+
+// Where a ramp starts along an axis of n samples: on the first or last
+// sample, a little outside either end, on a whole number, or inside (often
+// on a multiple of 1/64).
+double ramp_start(Source& in, int32_t n) {
+  switch (in.range<int>(0, 6)) {
+    case 0: return 1;
+    case 1: return n;
+    case 2: return 1 - in.range<int>(1, 16) / 8.0;
+    case 3: return n + in.range<int>(1, 16) / 8.0;
+    case 4: return in.range<int32_t>(1, std::max(n, 1));
+    default: {
+      const double q = 1 + in.unit() * (std::max(n, 1) - 1);
+      return in.flip() ? std::round(q * 64) / 64 : q;
+    }
+  }
+}
+
+// A step per column: small, of either sign, often a power of two.
+double ramp_step(Source& in) {
+  const double steps[] = {0,       1.0 / 64, -1.0 / 64, 1.0 / 32, -1.0 / 32, 1.0 / 16,
+                          -1.0 / 16, 0.125,  -0.125,    0.25,     -0.25,     0.5,
+                          -0.5,    0.75,     1,         -1,       0.9375,    1.0625};
+  const int kind = in.range<int>(0, 19);
+  if (kind < 18) return steps[kind];
+  return kind == 18 ? (in.unit() - 0.5) * 2.2 : 2;
+}
+
+// Coordinates along one axis for every element of the region: start +
+// step * column + row_step * row (from the output's first column and row),
+// sometimes whole numbers throughout, and a few special lanes.
+template <class C>
+void fill_ramp(Source& in, C* c, const Layout2D& l, int32_t n, int32_t x0, int32_t y0) {
+  double start = ramp_start(in, n), step = ramp_step(in);
+  const double row_steps[] = {0, 0.5, -0.5, 1, -1, 0.25};
+  const int row_kind = in.range<int>(0, 6);
+  double row_step = row_kind < 6 ? row_steps[row_kind] : (in.unit() - 0.5) * 4;
+  if (in.range<int>(0, 3) == 0) {  // an upsampling grid's whole rows
+    start = std::round(start);
+    step = std::round(step);
+    row_step = std::round(row_step);
+  }
+  for (int64_t y = l.ymin; y < int64_t{l.ymin} + l.rows; ++y) {
+    for (int64_t x = l.xmin; x < int64_t{l.xmin} + l.xext; ++x) {
+      c[l.offset(x, y)] = C(start + step * double(x - x0) + row_step * double(y - y0));
+    }
+  }
+  if (l.elements() == 0) return;
+  for (int k = in.range<int>(0, 3); k > 0; --k) {
+    const int64_t x = in.range<int64_t>(l.xmin, int64_t{l.xmin} + l.xext - 1);
+    const int64_t y = in.range<int64_t>(l.ymin, int64_t{l.ymin} + l.rows - 1);
+    c[l.offset(x, y)] = pick_coord<C>(in, n);
+  }
+}
+
 // A bounds query with every buffer a query; `v` and `o` hold the grid's and
 // the output's fields and receive the answer. Whatever the fields, it returns
 // 0, runs no rows, gives the coordinate buffers the output's region and asks
@@ -345,9 +422,15 @@ void run(Source& in) {
     query_with_any_fields(entry, in);
     return;
   }
+  // Coherent coordinates take a byte of the input to ask for them, so that
+  // the seeds of one or two bytes keep describing the calls they were
+  // picked for.
+  const bool coherent = in.from_input() && in.range<int>(0, 2) == 0;
 
-  const int32_t nx = pick_width(in, W), ny = pick_axis(in), nz = pick_axis(in);
-  const int32_t w = pick_width(in, W), h = in.range<int32_t>(-1, 5);
+  const int32_t nx = coherent ? pick_coherent_extent(in, W) : pick_width(in, W);
+  const int32_t ny = pick_axis(in), nz = pick_axis(in);
+  const int32_t w = coherent ? pick_coherent_width(in, W) : pick_width(in, W);
+  const int32_t h = in.range<int32_t>(-1, 5);
   const int32_t x0 = pick_min(in), y0 = pick_min(in);
   const double fill = pick_fill(in);
   g_reverse_rows = in.flip();
@@ -363,6 +446,9 @@ void run(Source& in) {
   const int32_t ex = qv[0].extent, ey = qv[1].extent, ez = qv[2].extent;
   const int32_t s1 = ex + in.range<int32_t>(0, 5);
   const int32_t s2 = s1 * ey + in.range<int32_t>(0, 5);
+  // Coherent calls sometimes store rows or planes last first.
+  const int32_t sign1 = coherent && in.flip() ? -1 : 1;
+  const int32_t sign2 = coherent && in.flip() ? -1 : 1;
   const bool nonzero_mins = in.range<int>(0, 4) == 0;
   const int32_t m0 = nonzero_mins ? in.range<int32_t>(-3, 3) : 0;
   const int32_t m1 = nonzero_mins ? in.range<int32_t>(-3, 3) : 0;
@@ -371,10 +457,12 @@ void run(Source& in) {
   Guarded v_mem(v_elements * sizeof(S), in.flip());
   S* samples = reinterpret_cast<S*>(v_mem.data());
   for (size_t i = 0; i < v_elements; ++i) samples[i] = pick_sample<S>(in);
-  halide_dimension_t vd[3] = {{m0, nx, 1, 0}, {m1, ny, s1, 0}, {m2, nz, s2, 0}};
+  halide_dimension_t vd[3] = {{m0, nx, 1, 0}, {m1, ny, sign1 * s1, 0}, {m2, nz, sign2 * s2, 0}};
   halide_buffer_t v{};
-  const int64_t origin = int64_t(m0) + int64_t(m1) * s1 + int64_t(m2) * s2;
-  v.host = reinterpret_cast<uint8_t*>(samples + origin);
+  // Sample (0, 0, 0) sits after the rows and planes stored before it.
+  const int64_t first = (sign1 < 0 ? int64_t(ey - 1) * s1 : 0) + (sign2 < 0 ? int64_t(ez - 1) * s2 : 0);
+  const int64_t origin = int64_t(m0) + int64_t(m1) * vd[1].stride + int64_t(m2) * vd[2].stride;
+  v.host = reinterpret_cast<uint8_t*>(samples + first + origin);
   v.type = type_of<S>();
   v.dimensions = 3;
   v.dim = vd;
@@ -393,7 +481,11 @@ void run(Source& in) {
     const Layout2D l = pick_layout(in, region_min, region_extent, y0, h, true);
     auto mem = std::make_unique<Guarded>(l.elements() * sizeof(C), in.flip());
     C* c = reinterpret_cast<C*>(mem->data());
-    for (size_t i = 0; i < l.elements(); ++i) c[i] = pick_coord<C>(in, axis_n[a]);
+    if (coherent) {
+      fill_ramp<C>(in, c, l, axis_n[a], x0, y0);
+    } else {
+      for (size_t i = 0; i < l.elements(); ++i) c[i] = pick_coord<C>(in, axis_n[a]);
+    }
     coord_desc.push_back(std::make_unique<Desc2D>(mem->data(), sizeof(C), l, l.xmin, l.xext, l.ymin,
                                                   l.rows, type_of<C>()));
     coord_mem.push_back(std::move(mem));
@@ -449,8 +541,8 @@ void run(Source& in) {
   }
 
   if (describe) {
-    std::fprintf(stderr, "call %s %s nx=%d ny=%d nz=%d w=%d h=%d\n", qztest::entry_name<M, S>(),
-                 nx > W ? "parallel" : "serial", nx, ny, nz, w, h);
+    std::fprintf(stderr, "call %s %s%s nx=%d ny=%d nz=%d w=%d h=%d\n", qztest::entry_name<M, S>(),
+                 nx > W ? "parallel" : "serial", coherent ? " coherent" : "", nx, ny, nz, w, h);
   }
 
   for (int k = 0; k < qzinterp3d::kernel_set_count(); ++k) {
