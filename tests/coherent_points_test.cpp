@@ -345,16 +345,19 @@ TYPED_TEST(CoherentPoints, OneRowCrossingPerGroupIsServedTwoAreGathered) {
   const Ramp diagonal{{20.5, 1.25 + o, 1.25 + o}, {-0.25, 1.0 / 16, 1.0 / 16}};
   // Three grid rows in every 8 columns: y twice, or y and z at different
   // columns.
-  const Ramp twice{{3.25, 1.25 + o, 2 + 3 * o}, {0.5, 1.0 / 4, 0}};
-  const Ramp y_then_z{{3.25, 1.25 + o, 2.75 + o}, {0.5, 1.0 / 8, 1.0 / 8}};
   for_each_kernel_set([&] {
     const WideGroups w = wide_groups_of_active_set<M, S>();
+    // Four-lane windows (double coordinates on 32-byte vectors): steeper
+    // ramps over one group, so that a group still spans three grid rows.
+    const bool four = w.lanes == 4;
+    const Ramp twice{{3.25, 1.25 + o, 2 + 3 * o}, {0.5, four ? 0.75 : 0.25, 0}};
+    const Ramp y_then_z{{3.25, 1.25 + o, 2.75 + o}, {0.5, four ? 0.25 : 0.125, four ? 0.25 : 0.125}};
     GuardedScene<M, S> g(padded(70, 6, 5), 48, 2);
     fill_random(g.grid, rng);
     for (const Ramp& r : {once, diagonal}) {
       expect_inside_rows_read(g, ramp_rows(r, {1, 0.5, 0.5}, 2), Reading::windows, w, describe(r));
     }
-    GuardedScene<M, S> narrow(padded(70, 6, 5), 16, 1);
+    GuardedScene<M, S> narrow(padded(70, 6, 5), four ? 4 : 16, 1);
     fill_random(narrow.grid, rng);
     for (const Ramp& r : {twice, y_then_z}) {
       expect_inside_rows_read(narrow, {r}, Reading::gathers, w, describe(r));

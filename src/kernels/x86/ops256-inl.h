@@ -266,10 +266,107 @@ struct Ops256<double> {
   static Index clamp(Index i, int32_t hi) {
     return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_setzero_si128());
   }
+  // As Ops256<float>: rounded in the mode, then converted exactly.
+  template <int Mode>
+  static Index round_to_index_in_range(V a) {
+    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
+                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
+                                         : _MM_FROUND_TO_POS_INF;
+    return _mm256_cvttpd_epi32(_mm256_round_pd(a, rounding | _MM_FROUND_NO_EXC));
+  }
+  static Mask ge(V a, V b) { return _mm256_cmp_pd(a, b, _CMP_GE_OQ); }
+  static Mask and_ge(Mask m, V a, V b) { return _mm256_and_pd(m, _mm256_cmp_pd(a, b, _CMP_GE_OQ)); }
+  static Mask and_le(Mask m, V a, V b) { return _mm256_and_pd(m, _mm256_cmp_pd(a, b, _CMP_LE_OQ)); }
+  static bool all_set(Mask m) { return _mm256_movemask_pd(m) == 0xF; }
   static V to_coord(Index i) { return _mm256_cvtepi32_pd(i); }
   static void store_index(int32_t* p, Index i) { _mm_store_si128(reinterpret_cast<__m128i*>(p), i); }
+
+  // Offsets in four 32-bit lanes, read with scalar loads as Ops256<float>.
+  static constexpr bool has_offset_vectors = true;
+  static Index add_index(Index a, Index b) { return _mm_add_epi32(a, b); }
+  static Index mul_index(Index a, int32_t s) { return _mm_mullo_epi32(a, _mm_set1_epi32(s)); }
+  static Index set1_index(int32_t v) { return _mm_set1_epi32(v); }
+  template <class Sample>
+  static V gather_offsets(const Sample* b, Index offsets) {
+    alignas(16) int32_t o[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(o), offsets);
+    return from_lanes(b, o);
+  }
+
+  // Lane masks on offsets, sign bits as Ops256<float>; a 64-bit lane's
+  // mask is its 32-bit one sign-extended.
+  using IndexMask = __m128i;
+  static __m256d lane_mask(IndexMask m) { return _mm256_castsi256_pd(_mm256_cvtepi32_epi64(m)); }
+  static IndexMask index_gt(Index a, Index b) { return _mm_cmpgt_epi32(a, b); }
+  static Index min_index(Index a, int32_t hi) { return _mm_min_epi32(a, _mm_set1_epi32(hi)); }
+  static V select_by_index_mask(IndexMask m, V yes, V no) {
+    return _mm256_blendv_pd(no, yes, lane_mask(m));
+  }
+
+  // Both x corners of a lane from one 16-byte load.
+  static constexpr bool has_x_pair_gather = true;
+  template <class Sample>
+  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, V& first, V& second) {
+    static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
+    alignas(16) int32_t o[4];
+    _mm_store_si128(reinterpret_cast<__m128i*>(o), offsets);
+    auto pairs = [&](int l, int m) {
+      return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(b + o[l])),
+                                  _mm_loadu_pd(b + o[m]), 1);
+    };
+    const __m256d lanes02 = pairs(0, 2), lanes13 = pairs(1, 3);
+    first = _mm256_unpacklo_pd(lanes02, lanes13);
+    second = _mm256_unpackhi_pd(lanes02, lanes13);
+  }
+
+  // Windows of four samples.
+  static constexpr bool has_window_loads = true;
+  static uint32_t bits(IndexMask m) {
+    return static_cast<uint32_t>(_mm_movemask_ps(_mm_castsi128_ps(m)));
+  }
+  static IndexMask mask_of_bits(uint32_t b) {
+    return _mm_sllv_epi32(_mm_set1_epi32(static_cast<int32_t>(b)), _mm_setr_epi32(31, 30, 29, 28));
+  }
+  static IndexMask mask_andnot(IndexMask a, IndexMask b) { return _mm_andnot_si128(a, b); }
+  static bool union_is_full(IndexMask a, IndexMask b) {
+    return _mm_movemask_ps(_mm_castsi128_ps(_mm_or_si128(a, b))) == 0xF;
+  }
+  static Index sub_index(Index a, Index b) { return _mm_sub_epi32(a, b); }
+  static Index clamp_index(Index i, int32_t lo, int32_t hi) {
+    return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_set1_epi32(lo));
+  }
+  static Index broadcast_lane(Index i, int lane) {
+    return _mm_castps_si128(_mm_permutevar_ps(_mm_castsi128_ps(i), _mm_set1_epi32(lane)));
+  }
+  static int32_t first_lane(Index i) { return _mm_cvtsi128_si32(i); }
+  static IndexMask index_within(Index rel, int32_t max) {
+    const __m128i m = _mm_set1_epi32(max);
+    return _mm_cmpeq_epi32(_mm_max_epu32(rel, m), m);
+  }
+  template <class Sample>
+  static V load_window(const Sample* p) {
+    static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
+    return _mm256_loadu_pd(p);
+  }
+  // No variable permute of 64-bit lanes in AVX2: lane l takes the 32-bit
+  // halves 2 rel and 2 rel + 1.
+  static V permute(V window, Index rel) {
+    const __m256i twice = _mm256_permutevar8x32_epi32(_mm256_castsi128_si256(rel),
+                                                      _mm256_setr_epi32(0, 0, 1, 1, 2, 2, 3, 3));
+    const __m256i halves =
+        _mm256_add_epi32(_mm256_add_epi32(twice, twice), _mm256_setr_epi32(0, 1, 0, 1, 0, 1, 0, 1));
+    return _mm256_castps_pd(_mm256_permutevar8x32_ps(_mm256_castpd_ps(window), halves));
+  }
+  static V permute_into(V dst, IndexMask m, V window, Index rel) {
+    return _mm256_blendv_pd(dst, permute(window, rel), lane_mask(m));
+  }
+
   template <class Sample>
   static V gather(const Sample* b, const int64_t* o) {
+    return from_lanes(b, o);
+  }
+  template <class Sample, class Offset>
+  static V from_lanes(const Sample* b, const Offset* o) {
     static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
     return _mm256_setr_pd(b[o[0]], b[o[1]], b[o[2]], b[o[3]]);
   }
