@@ -10,7 +10,10 @@
  * Arguments, the same for all sixteen:
  *   V           3-D grid. Dimension 0 (x) is dense (stride 1; not read).
  *               Indexed from absolute coordinate 0 on every axis, so give it
- *               mins of 0 (what the bounds query asks for).
+ *               mins of 0 (what the bounds query asks for). Its storage, from
+ *               its lowest- to its highest-addressed sample, must be readable
+ *               memory, as a Halide buffer's one allocation is: row padding
+ *               may be read (never used) by vector loads.
  *   Xq, Yq, Zq  2-D query coordinates along V's dimensions 0, 1 and 2,
  *               1-based: q = 1 is the first sample, q = n the last. Each is
  *               read at the same absolute (x, y) as the output element.
