@@ -31,9 +31,10 @@ bool force_kernel_set(const char* name);
 void note_row_run(const KernelSet& set);
 uint64_t rows_run_by(const char* name);
 
-// And the wide groups that windows served or that were gathered instead
-// (after windows fell short, or while gathering was preferred), so a test
-// can tell which way coherent points were read.
+// And, in sets that read windows, the wide groups that windows served or
+// that were gathered instead (after windows fell short, while gathering was
+// preferred, or in rows whose grid cannot use windows), so a test can tell
+// which way coherent points were read.
 struct WindowGroups {
   uint64_t served, gathered;
 };

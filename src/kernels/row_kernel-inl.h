@@ -62,9 +62,10 @@ struct RowPlan {
   // only inside them, so they touch no memory that the grid's own samples do
   // not span.
   int32_t lo = 0, hi = 0;
-  // Where windows of `lanes` samples may start so that they lie in [lo, hi];
-  // empty (window_lo > window_hi) when the span is shorter than a window.
-  int32_t window_lo = 1, window_hi = 0;
+  // Windows work on offsets counted from lo, which are never negative; a
+  // window of `lanes` samples may start from 0 to window_last_start, and
+  // there is none (-1) when the span is shorter than a window.
+  int32_t window_last_start = -1;
   // True when every axis has samples and its bound n - 1 converted to the
   // coordinate type is not above n - 1 (it can round up above 2^24 in
   // float): a point inside the grid then rounds to indices in [0, n - 1].
@@ -84,14 +85,13 @@ inline bool bounds_exact(const Grid<Sample>& g) {
 inline constexpr int32_t window_margin = 64;
 
 // Windows compare offsets with window starts as unsigned differences, which
-// needs every two offsets of the grid to lie within 2^31 of each other. When
-// they do, fills in where windows of `lanes` samples may start.
+// needs every two offsets of the grid to lie within 2^31 of each other, and
+// need a span of at least one window. When both hold, fills in where
+// windows of `lanes` samples may start.
 inline bool windows_fit(RowPlan& plan, int32_t lanes) {
-  if (int64_t{plan.hi} - plan.lo > INT32_MAX - window_margin) return false;
-  if (int64_t{plan.hi} - plan.lo >= lanes - 1) {
-    plan.window_lo = plan.lo;
-    plan.window_hi = plan.hi - (lanes - 1);
-  }
+  const int64_t length = int64_t{plan.hi} - plan.lo + 1;
+  if (length > INT32_MAX - window_margin || length < lanes) return false;
+  plan.window_last_start = static_cast<int32_t>(length - lanes);
   return true;
 }
 
@@ -243,15 +243,16 @@ struct GroupKernel {
                                          Index iy, Index iz, bool& windows_sufficed) {
     if constexpr (OffsetVectors) {
       const Index yz = Ops::add_index(Ops::mul_index(iy, g.stride1), Ops::mul_index(iz, g.stride2));
-      const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
       if constexpr (F == Fetch::windows) {
         V value;
-        if (Windows::sample(g, plan, Ops::add_index(row, ix), value)) [[likely]]
+        if (Windows::sample(g, plan, Windows::from_lo(g, plan, yz, ix), value)) [[likely]] {
           return value;
+        }
         windows_sufficed = false;
-        return sample_out_of_line(g, row, ix);
+        return sample_out_of_line(g, yz, ix);
       } else {
-        return gather_sample(g, row, ix);
+        return gather_sample(
+            g, Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin))), ix);
       }
     } else {
       // Offsets in 64 bits, lane by lane.
@@ -268,8 +269,9 @@ struct GroupKernel {
     }
   }
 
-  [[gnu::noinline]] static V sample_out_of_line(const Grid<Sample>& g, Index row, Index ix) {
-    return gather_sample(g, row, ix);
+  [[gnu::noinline]] static V sample_out_of_line(const Grid<Sample>& g, Index yz, Index ix) {
+    return gather_sample(g, Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin))),
+                         ix);
   }
 
   // The sample at row + ix of each lane, by gathering (offset vectors).
@@ -335,8 +337,9 @@ struct GroupKernel {
 
     // False when some lane fits neither window; `reach` is how far past its
     // offset each lane reads (1 for an x pair, 0 for one sample).
+    // Starts are kept in [lo, hi], offsets and starts counted from the
+    // span's low end.
     QZ_ALWAYS_INLINE static bool place(Index o, int32_t lo, int32_t hi, int32_t reach, Pair& w) {
-      if (lo > hi) return false;  // the grid is shorter than the windows' reach
       const Index starts = Ops::clamp_index(Ops::sub_index(o, Ops::set1_index(slack)), lo, hi);
       const Index first = Ops::broadcast_lane(starts, 0), last = Ops::broadcast_lane(starts, N - 1);
       w.first_start = Ops::first_lane(first);
@@ -359,10 +362,13 @@ struct GroupKernel {
 
     // The lanes' samples at rel (and rel + step) in the two windows that
     // start `delta` past the placed ones.
-    QZ_ALWAYS_INLINE static V read(const Grid<Sample>& g, const Pair& w, int64_t delta,
+    QZ_ALWAYS_INLINE static V read(const Sample* span, const Pair& w, int64_t delta,
                                    Index first_rel, Index last_rel) {
-      const V first = Ops::template load_window<Sample>(g.host + (w.first_start + delta));
-      const V last = Ops::template load_window<Sample>(g.host + (w.last_start + delta));
+      // Starts are never negative: read as unsigned, they need no widening.
+      const V first =
+          Ops::template load_window<Sample>(span + (static_cast<uint32_t>(w.first_start) + delta));
+      const V last =
+          Ops::template load_window<Sample>(span + (static_cast<uint32_t>(w.last_start) + delta));
       return Ops::permute_into(Ops::permute(first, first_rel), w.from_last, last, last_rel);
     }
 
@@ -371,9 +377,18 @@ struct GroupKernel {
     QZ_ALWAYS_INLINE static bool sample(const Grid<Sample>& g, const RowPlan& plan, Index o,
                                         V& value) {
       Pair w;
-      if (!place(o, plan.window_lo, plan.window_hi, 0, w)) return false;
-      value = read(g, w, 0, w.first_rel, w.last_rel);
+      if (!place(o, 0, plan.window_last_start, 0, w)) return false;
+      value = read(g.host + plan.lo, w, 0, w.first_rel, w.last_rel);
       return true;
+    }
+
+    // Offsets yz + ix of the grid's samples, counted from the low end of
+    // the grid's offset span.
+    QZ_ALWAYS_INLINE static Index from_lo(const Grid<Sample>& g, const RowPlan& plan, Index yz,
+                                          Index ix) {
+      // -origin - lo lies in [0, hi - lo]: no overflow.
+      return Ops::add_index(
+          Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin - plan.lo))), ix);
     }
 
     // The eight corners of each lane, from the offsets o of its lower x
@@ -385,21 +400,22 @@ struct GroupKernel {
     QZ_ALWAYS_INLINE static bool corners(const Grid<Sample>& g, const RowPlan& plan, Index o,
                                          Index step, int64_t dy, int64_t dz, Corners& c) {
       // Every moved window must lie in the grid's offset span too.
-      const int64_t lo = int64_t{plan.lo} - (dy < 0 ? dy : 0) - (dz < 0 ? dz : 0);
-      const int64_t hi = int64_t{plan.hi} - (N - 1) - (dy > 0 ? dy : 0) - (dz > 0 ? dz : 0);
-      if (lo > hi) return false;
+      const int64_t lo = -(dy < 0 ? dy : 0) - (dz < 0 ? dz : 0);
+      const int64_t hi = int64_t{plan.window_last_start} - (dy > 0 ? dy : 0) - (dz > 0 ? dz : 0);
+      if (lo > hi) return false;  // the span is shorter than the moved windows' reach
       Pair w;
       if (!place(o, static_cast<int32_t>(lo), static_cast<int32_t>(hi), 1, w)) return false;
+      const Sample* span = g.host + plan.lo;
       const Index first_upper = Ops::add_index(w.first_rel, step);
       const Index last_upper = Ops::add_index(w.last_rel, step);
-      c.v000 = read(g, w, 0, w.first_rel, w.last_rel);
-      c.v100 = read(g, w, 0, first_upper, last_upper);
-      c.v010 = read(g, w, dy, w.first_rel, w.last_rel);
-      c.v110 = read(g, w, dy, first_upper, last_upper);
-      c.v001 = read(g, w, dz, w.first_rel, w.last_rel);
-      c.v101 = read(g, w, dz, first_upper, last_upper);
-      c.v011 = read(g, w, dy + dz, w.first_rel, w.last_rel);
-      c.v111 = read(g, w, dy + dz, first_upper, last_upper);
+      c.v000 = read(span, w, 0, w.first_rel, w.last_rel);
+      c.v100 = read(span, w, 0, first_upper, last_upper);
+      c.v010 = read(span, w, dy, w.first_rel, w.last_rel);
+      c.v110 = read(span, w, dy, first_upper, last_upper);
+      c.v001 = read(span, w, dz, w.first_rel, w.last_rel);
+      c.v101 = read(span, w, dz, first_upper, last_upper);
+      c.v011 = read(span, w, dy + dz, w.first_rel, w.last_rel);
+      c.v111 = read(span, w, dy + dz, first_upper, last_upper);
       return true;
     }
   };
@@ -418,13 +434,12 @@ struct GroupKernel {
       const uint32_t y_up = Ops::bits(Ops::index_gt(iy1, iy0));
       const uint32_t z_up = Ops::bits(Ops::index_gt(iz1, iz0));
       if ((y_up == 0 || y_up == all) && (z_up == 0 || z_up == all)) [[likely]] {
-        const Index first_row = Ops::add_index(
-            Ops::add_index(Ops::mul_index(iy0, g.stride1), Ops::mul_index(iz0, g.stride2)),
-            Ops::set1_index(static_cast<int32_t>(-g.origin)));
+        const Index yz =
+            Ops::add_index(Ops::mul_index(iy0, g.stride1), Ops::mul_index(iz0, g.stride2));
         const int64_t dy = y_up ? g.stride1 : 0, dz = z_up ? g.stride2 : 0;
         Corners c;
-        if (Windows::corners(g, plan, Ops::add_index(first_row, ix0), Ops::sub_index(ix1, ix0), dy,
-                             dz, c)) [[likely]] {
+        if (Windows::corners(g, plan, Windows::from_lo(g, plan, yz, ix0), Ops::sub_index(ix1, ix0),
+                             dy, dz, c)) [[likely]] {
           return c;
         }
       }
@@ -607,10 +622,18 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
     note_window_groups(served, gathered);
 #endif
   } else {
+    [[maybe_unused]] const int64_t first = c;
     for (; c + Wide::lanes <= end; c += Wide::lanes) {
       compute_group<Wide, M, Sample, BlockKind::full, false, F>(g, plan, r.xq + c, r.yq + c,
                                                                 r.zq + c, r.vq + c);
     }
+#if defined(QZINTERP3D_KERNEL_PROBE)
+    // Where the set has windows but the row cannot use them, its groups
+    // count as gathered.
+    if constexpr (HasWindowLoads<Wide>) {
+      note_window_groups(0, static_cast<uint64_t>((c - first) / Wide::lanes));
+    }
+#endif
   }
   return c;
 }
