@@ -384,6 +384,32 @@ TYPED_TEST(CoherentPoints, ScatteredPointsAreGathered) {
   });
 }
 
+// Scattered points in a grid spanning more memory than the caches hold: the
+// gathered groups then ask for their grid lines a few groups ahead (clamped
+// indices, so also for points outside the grid or with NaN coordinates).
+// Prefetches change no value: the results are the model's.
+TYPED_TEST(CoherentPoints, ScatteredPointsInAGridBeyondTheCaches) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  std::mt19937_64 rng(75);
+  const int32_t nz = static_cast<int32_t>((int64_t{18} << 20) / sizeof(S) / (128 * 128)) + 1;
+  const Layout l = padded(128, 128, nz);
+  GuardedScene<M, S> g(l, 256, 3);
+  g.grid.fill(
+      [](int64_t i, int64_t j, int64_t k) { return static_cast<S>((i + 3 * j + 7 * k) % 101); },
+      [] { return S(7); });
+  for (int64_t r = 0; r < 3; ++r) {
+    for (int64_t c = 0; c < 256; ++c) {
+      g.scene.set_point(c, r, random_coord<C>(rng, l.nx), random_coord<C>(rng, l.ny),
+                        random_coord<C>(rng, l.nz));
+    }
+  }
+  for_each_kernel_set([&] {
+    const WideGroups w = wide_groups_of_active_set<M, S>();
+    expect_reading(Reading::gathers, w, g.scene,
+                   [&] { expect_model(g.scene, -1.5, describe(l)); });
+  });
+}
+
 // Windows read only inside the span from the grid's lowest to its highest
 // sample: a span shorter than a window is gathered, one just long enough is
 // served (with a window at its first sample), and trilinear rows whose

@@ -66,6 +66,10 @@ struct RowPlan {
   // window of `lanes` samples may start from 0 to window_last_start, and
   // there is none (-1) when the span is shorter than a window.
   int32_t window_last_start = -1;
+  // True when the grid spans more memory than the caches are likely to
+  // hold: scattered points then wait on memory, and gathered groups fetch
+  // the grid lines of a group a few groups ahead (prefetch_group).
+  bool prefetch = false;
   // True when every axis has samples and its bound n - 1 converted to the
   // coordinate type is not above n - 1 (it can round up above 2^24 in
   // float): a point inside the grid then rounds to indices in [0, n - 1].
@@ -88,6 +92,11 @@ inline constexpr int32_t window_margin = 64;
 // needs every two offsets of the grid to lie within 2^31 of each other, and
 // need a span of at least one window. When both hold, fills in where
 // windows of `lanes` samples may start.
+// Grids spanning more than this many bytes are prefetched for when their
+// groups are gathered. Below it the grid mostly sits in the caches and the
+// prefetches only cost instructions.
+inline constexpr int64_t prefetch_above_bytes = int64_t{16} << 20;
+
 inline bool windows_fit(RowPlan& plan, int32_t lanes) {
   const int64_t length = int64_t{plan.hi} - plan.lo + 1;
   if (length > INT32_MAX - window_margin || length < lanes) return false;
@@ -543,6 +552,36 @@ struct GroupKernel {
     }
     return windows_sufficed;
   }
+
+  // Asks for the grid lines a group at these coordinates will read (the
+  // lower corner's line in each grid row, or the sample's), so that their
+  // misses overlap with the work on the groups before it. The indices are
+  // clamped, so every address lies in the grid.
+  template <Method M>
+  QZ_ALWAYS_INLINE static void prefetch_group(const Grid<Sample>& g, const C* xs, const C* ys,
+                                              const C* zs) {
+    constexpr Rounding R = M == Method::nearest ? Rounding::nearest_even : Rounding::down;
+    const Query q = load_query(xs, ys, zs);
+    const Index yz = Ops::add_index(Ops::mul_index(clamped_index<R>(q.dy, g.ny), g.stride1),
+                                    Ops::mul_index(clamped_index<R>(q.dz, g.nz), g.stride2));
+    const Index x = Ops::add_index(clamped_index<R>(q.dx, g.nx),
+                                   Ops::set1_index(static_cast<int32_t>(-g.origin)));
+    alignas(64) int32_t offset[N];
+    Ops::store_index(offset, Ops::add_index(yz, x));
+    // The upper rows' lines by address arithmetic: past the grid's last row
+    // they are only hints.
+    const uintptr_t y_step = static_cast<uintptr_t>(int64_t{g.stride1} * int64_t{sizeof(Sample)});
+    const uintptr_t z_step = static_cast<uintptr_t>(int64_t{g.stride2} * int64_t{sizeof(Sample)});
+    for (int l = 0; l < N; ++l) {
+      const uintptr_t at = reinterpret_cast<uintptr_t>(g.host + offset[l]);
+      __builtin_prefetch(reinterpret_cast<const void*>(at), 0, 3);
+      if constexpr (M == Method::bilinear) {
+        __builtin_prefetch(reinterpret_cast<const void*>(at + y_step), 0, 3);
+        __builtin_prefetch(reinterpret_cast<const void*>(at + z_step), 0, 3);
+        __builtin_prefetch(reinterpret_cast<const void*>(at + y_step + z_step), 0, 3);
+      }
+    }
+  }
 };
 
 // One group of Ops::lanes columns of a block of the given kind. Returns
@@ -602,6 +641,11 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
     for (; c + Wide::lanes <= end; c += Wide::lanes) {
       if (gather_groups > 0) {
         --gather_groups;
+        constexpr int64_t ahead = 3 * Wide::lanes;
+        if (plan.prefetch && c + ahead + Wide::lanes <= end) {
+          GroupKernel<Wide, Sample, Fetch::gathers>::template prefetch_group<M>(
+              g, r.xq + c + ahead, r.yq + c + ahead, r.zq + c + ahead);
+        }
         compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
             g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
       } else if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
@@ -661,6 +705,8 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
     if (offsets_fit_in_32_bits(g, plan)) {
       fetch =
           HasWindowLoads<Wide> && windows_fit(plan, Wide::lanes) ? Fetch::windows : Fetch::gathers;
+      plan.prefetch =
+          (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)} > prefetch_above_bytes;
     }
     switch (fetch) {
       case Fetch::per_lane:
