@@ -27,7 +27,13 @@
 //   broadcast_lane(i, lane), first_lane(i) (lane 0 as an int32),
 //   index_within(rel, max) (unsigned rel <= max), load_window<Sample>(p)
 //   (`lanes` samples from p, converted), permute(window, rel) and
-//   permute_into(dst, mask, window, rel).
+//   permute_into(dst, mask, window, rel); optionally mask_andnot and
+//   union_is_full (mask instructions instead of bits).
+// Optionally, shortcuts that change instructions, never results:
+//   round_to_index<mode>(d) (round and convert in one step, as to_index);
+//   not_gt and and_not_gt(mask, a, b) (the block test as chained masked
+//   comparisons); with windows, ge, and_ge, and_le, all_set and
+//   round_to_index_in_range<mode> for groups wholly inside the grid.
 
 #include "kernels/blend.h"  // blend formulas for this target
 
