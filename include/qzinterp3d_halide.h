@@ -10,10 +10,11 @@
  * Arguments, the same for all sixteen:
  *   V           3-D grid. Dimension 0 (x) is dense (stride 1; not read).
  *               Indexed from absolute coordinate 0 on every axis, so give it
- *               mins of 0 (what the bounds query asks for). Its storage, from
- *               its lowest- to its highest-addressed sample, must be readable
- *               memory, as a Halide buffer's one allocation is: row padding
- *               may be read (never used) by vector loads.
+ *               mins of 0 (what the bounds query asks for). All memory
+ *               between the lowest and the highest address that indices in
+ *               [0, n - 1] on every axis reach must be readable (with mins of
+ *               0: V's storage, as a Halide buffer's one allocation is): row
+ *               padding there may be read (never used) by vector loads.
  *   Xq, Yq, Zq  2-D query coordinates along V's dimensions 0, 1 and 2,
  *               1-based: q = 1 is the first sample, q = n the last. Each is
  *               read at the same absolute (x, y) as the output element.
