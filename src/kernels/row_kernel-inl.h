@@ -94,15 +94,15 @@ inline bool bounds_exact(const Grid<Sample>& g) {
 // placing a window (an offset minus at most half a vector) cannot wrap.
 inline constexpr int32_t window_margin = 64;
 
-// Windows compare offsets with window starts as unsigned differences, which
-// needs every two offsets of the grid to lie within 2^31 of each other, and
-// need a span of at least one window. When both hold, fills in where
-// windows of `lanes` samples may start.
 // Grids spanning more than this many bytes are prefetched for when their
 // groups are gathered. Below it the grid mostly sits in the caches and the
 // prefetches only cost instructions.
 inline constexpr int64_t prefetch_above_bytes = int64_t{16} << 20;
 
+// Windows compare offsets with window starts as unsigned differences, which
+// needs every two offsets of the grid to lie within 2^31 of each other, and
+// need a span of at least one window. When both hold, fills in where
+// windows of `lanes` samples may start.
 inline bool windows_fit(RowPlan& plan, int32_t lanes) {
   const int64_t length = int64_t{plan.hi} - plan.lo + 1;
   if (length > INT32_MAX - window_margin || length < lanes) return false;
@@ -178,17 +178,15 @@ struct GroupKernel {
   };
   QZ_ALWAYS_INLINE static bool all_inside(const Grid<Sample>& g, const RowPlan& plan,
                                           const Query& q) {
-    {
-      if (!plan.bounds_exact) return false;
-      const V one = Ops::set1(C(1));
-      Mask in = Ops::ge(q.xq, one);
-      in = Ops::and_le(in, q.dx, Ops::set1(g.bound_x));
-      in = Ops::and_ge(in, q.yq, one);
-      in = Ops::and_le(in, q.dy, Ops::set1(g.bound_y));
-      in = Ops::and_ge(in, q.zq, one);
-      in = Ops::and_le(in, q.dz, Ops::set1(g.bound_z));
-      return Ops::all_set(in);
-    }
+    if (!plan.bounds_exact) return false;
+    const V one = Ops::set1(C(1));
+    Mask in = Ops::ge(q.xq, one);
+    in = Ops::and_le(in, q.dx, Ops::set1(g.bound_x));
+    in = Ops::and_ge(in, q.yq, one);
+    in = Ops::and_le(in, q.dy, Ops::set1(g.bound_y));
+    in = Ops::and_ge(in, q.zq, one);
+    in = Ops::and_le(in, q.dz, Ops::set1(g.bound_z));
+    return Ops::all_set(in);
   }
 
   // The value of each lane, or the fill value where the lane is outside.
