@@ -38,8 +38,8 @@
 #include "kernels/blend.h"  // blend formulas for this target
 
 // A group's whole computation is inlined into the row loop, so that its
-// constants stay in registers across groups; rarely taken fallbacks are kept
-// out of line.
+// constants stay in registers across groups; the loop over groups read
+// through windows has no call in it (window_run).
 #ifndef QZ_ALWAYS_INLINE
 #define QZ_ALWAYS_INLINE [[gnu::always_inline]] inline
 #endif
@@ -223,13 +223,17 @@ struct GroupKernel {
     }
   }
 
-  // Both methods return false when windows did not serve the group and it
-  // was gathered instead.
+  // Both methods return false, having written nothing, when windows do not
+  // serve the group; the row then computes it again with gathers.
   QZ_ALWAYS_INLINE static bool nearest(const Grid<Sample>& g, const RowPlan& plan, const C* xs,
                                        const C* ys, const C* zs, C* out) {
     Query q = load_query(xs, ys, zs);
     if constexpr (checks_inside) {
-      if (all_inside(g, plan, q)) return nearest_of<true>(g, plan, q, out);
+      // Most groups are: saying so keeps this path in line and its
+      // constants out of the loop (a branch to a return counts as unlikely).
+      if (all_inside(g, plan, q)) [[likely]] {
+        return nearest_of<true>(g, plan, q, out);
+      }
     }
     block_test(g, q);
     return nearest_of<false>(g, plan, q, out);
@@ -241,31 +245,27 @@ struct GroupKernel {
     const Index ix = index_of<Rounding::nearest_even, Inside>(q.dx, g.nx);
     const Index iy = index_of<Rounding::nearest_even, Inside>(q.dy, g.ny);
     const Index iz = index_of<Rounding::nearest_even, Inside>(q.dz, g.nz);
-    bool windows_sufficed = true;
-    const V value = fetch_sample(g, plan, ix, iy, iz, windows_sufficed);
+    V value;
+    if (!fetch_sample(g, plan, ix, iy, iz, value)) return false;
     if constexpr (Inside) {
       Ops::store(out, value);
     } else {
       Ops::store(out, value_or_fill(g, q, value));
     }
-    return windows_sufficed;
+    return true;
   }
 
-  // The one sample of each lane.
-  QZ_ALWAYS_INLINE static V fetch_sample(const Grid<Sample>& g, const RowPlan& plan, Index ix,
-                                         Index iy, Index iz, bool& windows_sufficed) {
+  // The one sample of each lane; false when windows do not serve every lane.
+  QZ_ALWAYS_INLINE static bool fetch_sample(const Grid<Sample>& g, const RowPlan& plan, Index ix,
+                                            Index iy, Index iz, V& value) {
     if constexpr (OffsetVectors) {
       const Index yz = Ops::add_index(Ops::mul_index(iy, g.stride1), Ops::mul_index(iz, g.stride2));
       if constexpr (F == Fetch::windows) {
-        V value;
-        if (Windows::sample(g, plan, Windows::from_lo(g, plan, yz, ix), value)) [[likely]] {
-          return value;
-        }
-        windows_sufficed = false;
-        return sample_out_of_line(g, yz, ix);
+        return Windows::sample(g, plan, Windows::from_lo(g, plan, yz, ix), value);
       } else {
-        return gather_sample(
+        value = gather_sample(
             g, Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin))), ix);
+        return true;
       }
     } else {
       // Offsets in 64 bits, lane by lane.
@@ -278,13 +278,9 @@ struct GroupKernel {
         offset[l] = -g.origin + int64_t{y[l]} * g.stride1 + int64_t{z[l]} * g.stride2 +
                     int64_t{static_cast<uint32_t>(x[l])};
       }
-      return Ops::template gather<Sample>(g.host, offset);
+      value = Ops::template gather<Sample>(g.host, offset);
+      return true;
     }
-  }
-
-  [[gnu::noinline]] static V sample_out_of_line(const Grid<Sample>& g, Index yz, Index ix) {
-    return gather_sample(g, Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin))),
-                         ix);
   }
 
   // The sample at row + ix of each lane, by gathering (offset vectors).
@@ -433,11 +429,14 @@ struct GroupKernel {
     }
   };
 
-  QZ_ALWAYS_INLINE static Corners fetch_corners(const Grid<Sample>& g, const RowPlan& plan,
-                                                Index ix0, Index ix1, Index iy0, Index iy1,
-                                                Index iz0, Index iz1, bool& windows_sufficed) {
+  // The eight corners of each lane; false when windows do not serve every
+  // lane.
+  QZ_ALWAYS_INLINE static bool fetch_corners(const Grid<Sample>& g, const RowPlan& plan, Index ix0,
+                                             Index ix1, Index iy0, Index iy1, Index iz0, Index iz1,
+                                             Corners& c) {
     if constexpr (!OffsetVectors) {
-      return corners_by_lanes(g, ix0, ix1, iy0, iy1, iz0, iz1);
+      c = corners_by_lanes(g, ix0, ix1, iy0, iy1, iz0, iz1);
+      return true;
     } else if constexpr (F == Fetch::windows) {
       // Inside the grid each upper index is the lower one or the next, so
       // the x step is 0 or 1, and a lane's four grid rows are its first
@@ -450,23 +449,14 @@ struct GroupKernel {
         const Index yz =
             Ops::add_index(Ops::mul_index(iy0, g.stride1), Ops::mul_index(iz0, g.stride2));
         const int64_t dy = y_up ? g.stride1 : 0, dz = z_up ? g.stride2 : 0;
-        Corners c;
-        if (Windows::corners(g, plan, Windows::from_lo(g, plan, yz, ix0), Ops::sub_index(ix1, ix0),
-                             dy, dz, c)) [[likely]] {
-          return c;
-        }
+        return Windows::corners(g, plan, Windows::from_lo(g, plan, yz, ix0),
+                                Ops::sub_index(ix1, ix0), dy, dz, c);
       }
-      windows_sufficed = false;
-      return corners_out_of_line(g, ix0, ix1, iy0, iy1, iz0, iz1);
+      return false;
     } else {
-      return corners_by_gathers(g, ix0, ix1, iy0, iy1, iz0, iz1);
+      c = corners_by_gathers(g, ix0, ix1, iy0, iy1, iz0, iz1);
+      return true;
     }
-  }
-
-  // Where windows come first, gathering is the rare way: out of line.
-  [[gnu::noinline]] static Corners corners_out_of_line(const Grid<Sample>& g, Index ix0, Index ix1,
-                                                       Index iy0, Index iy1, Index iz0, Index iz1) {
-    return corners_by_gathers(g, ix0, ix1, iy0, iy1, iz0, iz1);
   }
 
   QZ_ALWAYS_INLINE static Corners corners_by_gathers(const Grid<Sample>& g, Index ix0, Index ix1,
@@ -520,7 +510,9 @@ struct GroupKernel {
                                          const C* ys, const C* zs, C* out) {
     Query q = load_query(xs, ys, zs);
     if constexpr (checks_inside) {
-      if (all_inside(g, plan, q)) return trilinear_of<P, true>(g, plan, q, out);
+      if (all_inside(g, plan, q)) [[likely]] {  // as in nearest
+        return trilinear_of<P, true>(g, plan, q, out);
+      }
     }
     block_test(g, q);
     return trilinear_of<P, false>(g, plan, q, out);
@@ -545,8 +537,8 @@ struct GroupKernel {
     const V wyl = Ops::sub(two, ty), wyu = Ops::sub(ty, one);
     const V wzl = Ops::sub(two, tz);
 
-    bool windows_sufficed = true;
-    const Corners c = fetch_corners(g, plan, ix0, ix1, iy0, iy1, iz0, iz1, windows_sufficed);
+    Corners c;
+    if (!fetch_corners(g, plan, ix0, ix1, iy0, iy1, iz0, iz1, c)) return false;
     const V r = Trilinear<P, Ops>::eval(c.v000, c.v100, c.v010, c.v110, c.v001, c.v101, c.v011,
                                         c.v111, wxl, wxu, wyl, wyu, tz, wzl);
     if constexpr (Inside) {
@@ -554,7 +546,7 @@ struct GroupKernel {
     } else {
       Ops::store(out, value_or_fill(g, q, r));
     }
-    return windows_sufficed;
+    return true;
   }
 
   // Asks for the grid lines a group at these coordinates will read (the
@@ -589,7 +581,7 @@ struct GroupKernel {
 };
 
 // One group of Ops::lanes columns of a block of the given kind. Returns
-// false when windows did not serve it.
+// false, having written nothing, when windows do not serve it.
 template <class Ops, Method M, class Sample, BlockKind Kind, bool FirstGroup,
           Fetch F = Fetch::per_lane>
 QZ_ALWAYS_INLINE bool compute_group(const Grid<Sample>& g, const RowPlan& plan,
@@ -624,25 +616,45 @@ inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, RowPlan& plan) {
   return true;
 }
 
-// Full blocks [c, end) in wide groups.
-template <class Wide, Method M, class Sample, Fetch F>
-inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_plan,
-                                const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end) {
+// Full blocks from c on, in wide groups read through windows, up to end or
+// to the first group the windows do not serve; returns where it stopped.
+// Kept out of line and free of calls, so that its constants stay in
+// registers for the whole run of groups: a call on the rare path would
+// clobber them all in every group.
+template <class Wide, Method M, class Sample>
+[[gnu::noinline]] int64_t window_run(const Grid<Sample>& grid, const RowPlan& row_plan,
+                                     const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end) {
   // Local copies: the compiler then knows that the stores to the output do
   // not change them, and keeps them in registers.
   const Grid<Sample> g = grid;
   const RowPlan plan = row_plan;
   const RowSpan<CoordOf<Sample>> r = span;
+  for (; c + Wide::lanes <= end; c += Wide::lanes) {
+    if (!compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
+            g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) {
+      break;
+    }
+  }
+  return c;
+}
+
+// Full blocks [c, end) in wide groups.
+template <class Wide, Method M, class Sample, Fetch F>
+inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_plan,
+                                const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end) {
+  const Grid<Sample> g = grid;  // local copies, as in window_run
+  const RowPlan plan = row_plan;
+  const RowSpan<CoordOf<Sample>> r = span;
   if constexpr (F == Fetch::windows) {
     // Windows pay off where two of them serve a group's lanes: coherent runs
-    // of points. Where groups often need more, the points are scattered
-    // across grid rows and gathers are cheaper: after two such groups close
-    // together, the next groups go straight to gathers before windows are
-    // tried again. Nothing is counted while windows serve.
+    // of points. A group they do not serve is gathered. Where that happens
+    // often, the points are scattered across grid rows and gathers are
+    // cheaper: after two such groups close together, the next groups go
+    // straight to gathers before windows are tried again.
     constexpr int64_t gather_run = 16, close_together = 4 * Wide::lanes;
     int64_t gather_groups = 0, last_shortfall = -close_together - 1;
     [[maybe_unused]] uint64_t served = 0, gathered = 0;
-    for (; c + Wide::lanes <= end; c += Wide::lanes) {
+    while (c + Wide::lanes <= end) {
       if (gather_groups > 0) {
         --gather_groups;
         constexpr int64_t ahead = 3 * Wide::lanes;
@@ -650,21 +662,18 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
           GroupKernel<Wide, Sample, Fetch::gathers>::template prefetch_group<M>(
               g, r.xq + c + ahead, r.yq + c + ahead, r.zq + c + ahead);
         }
-        compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
-            g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
-      } else if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
-                     g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) [[likely]] {
-#if defined(QZINTERP3D_KERNEL_PROBE)
-        ++served;
-#endif
-        continue;
       } else {
+        const int64_t stop = window_run<Wide, M, Sample>(g, plan, r, c, end);
+        served += static_cast<uint64_t>((stop - c) / Wide::lanes);
+        c = stop;
+        if (c + Wide::lanes > end) break;
         if (c - last_shortfall <= close_together) gather_groups = gather_run;
         last_shortfall = c;
       }
-#if defined(QZINTERP3D_KERNEL_PROBE)
+      compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
+          g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
       ++gathered;
-#endif
+      c += Wide::lanes;
     }
 #if defined(QZINTERP3D_KERNEL_PROBE)
     note_window_groups(served, gathered);
