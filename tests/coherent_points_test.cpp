@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <limits>
@@ -509,6 +510,53 @@ TYPED_TEST(CoherentPoints, OutsideLastAndSpecialLanesInsideCoherentGroups) {
       }
       expect_model(g.scene, 1.5, "with NaN and infinite lanes");
     }
+  });
+}
+
+// Groups of coherent points inside the grid but for one lane on one axis,
+// at a value on or just beyond a face: 1 and the coordinate below it, n and
+// the one above it, signed zeros and subnormals, NaN, infinities and the
+// extremes. Groups whose lanes are all inside skip the block test and the
+// clamps, so one lane outside must still send its group the full way.
+TYPED_TEST(CoherentPoints, OneLaneOnOrJustBeyondAFace) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  using Lim = std::numeric_limits<C>;
+  std::mt19937_64 rng(77);
+  const Layout l = padded(40, 6, 5);
+  const int32_t n[3] = {l.nx, l.ny, l.nz};
+  auto edges = [](int32_t n_axis) {
+    const C top = static_cast<C>(n_axis);
+    return std::vector<C>{std::nextafter(C(1), C(0)),
+                          C(1),
+                          top,
+                          std::nextafter(top, Lim::infinity()),
+                          C(-0.0),
+                          C(0),
+                          Lim::denorm_min(),
+                          -Lim::denorm_min(),
+                          Lim::quiet_NaN(),
+                          Lim::infinity(),
+                          -Lim::infinity(),
+                          Lim::lowest(),
+                          Lim::max()};
+  };
+  const size_t values = edges(1).size();
+  const double o = 1.0 / 128;
+  const Ramp inside{{3.25, 2.5 + o, 3.5 + o}, {0.5, 0, 0}};
+  // The odd lane sits at a different place in each group of a row.
+  const int64_t columns[] = {3, 16 + 8, 32 + 15, 48, 56 + 7};
+  for_each_kernel_set([&] {
+    GuardedScene<M, S> g(l, 64 + W - 1, static_cast<int32_t>(3 * values));
+    fill_random(g.grid, rng);
+    set_rows(g.scene, std::vector<Ramp>(3 * values, inside));
+    for (int a = 0; a < 3; ++a) {
+      const std::vector<C> v = edges(n[a]);
+      for (size_t k = 0; k < values; ++k) {
+        const int64_t row = static_cast<int64_t>(a * values + k);
+        for (const int64_t c : columns) g.scene.coord(static_cast<Axis>(a), c, row) = v[k];
+      }
+    }
+    expect_model(g.scene, 1.5, "one lane on or beyond a face");
   });
 }
 

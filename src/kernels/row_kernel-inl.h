@@ -33,7 +33,9 @@
 //   round_to_index<mode>(d) (round and convert in one step, as to_index);
 //   not_gt and and_not_gt(mask, a, b) (the block test as chained masked
 //   comparisons); with windows, ge, and_ge, and_le, all_set and
-//   round_to_index_in_range<mode> for groups wholly inside the grid.
+//   round_to_index_in_range<mode> for groups wholly inside the grid, and
+//   optionally bits_within and and_bits_within (a's bits <= b's, unsigned)
+//   for the same test in half the comparisons.
 
 #include "kernels/blend.h"  // blend formulas for this target
 
@@ -179,6 +181,17 @@ struct GroupKernel {
   QZ_ALWAYS_INLINE static bool all_inside(const Grid<Sample>& g, const RowPlan& plan,
                                           const Query& q) {
     if (!plan.bounds_exact) return false;
+    if constexpr (requires(Mask m, V a) { Ops::and_bits_within(m, a, a); }) {
+      // One comparison per axis: d = q - 1 is +0 or positive exactly when
+      // q >= 1 (it rounds to zero only at q = 1, and then to +0), and for
+      // such d, and the bound n - 1 >= 0, d <= bound as numbers exactly
+      // when d's bits are not above the bound's as unsigned integers. A
+      // negative d (sign bit set) or a NaN d is above every such bound.
+      Mask in = Ops::bits_within(q.dx, Ops::set1(g.bound_x));
+      in = Ops::and_bits_within(in, q.dy, Ops::set1(g.bound_y));
+      in = Ops::and_bits_within(in, q.dz, Ops::set1(g.bound_z));
+      return Ops::all_set(in);
+    }
     const V one = Ops::set1(C(1));
     Mask in = Ops::ge(q.xq, one);
     in = Ops::and_le(in, q.dx, Ops::set1(g.bound_x));

@@ -74,6 +74,13 @@ struct Ops512<float> {
   static Mask and_ge(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_GE_OQ); }
   static Mask and_le(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_LE_OQ); }
   static bool all_set(Mask m) { return _kortestc_mask16_u8(m, m); }
+  // a's bits not above b's, as unsigned integers (see GroupKernel::all_inside).
+  static Mask bits_within(V a, V b) {
+    return _mm512_cmple_epu32_mask(_mm512_castps_si512(a), _mm512_castps_si512(b));
+  }
+  static Mask and_bits_within(Mask m, V a, V b) {
+    return _mm512_mask_cmple_epu32_mask(m, _mm512_castps_si512(a), _mm512_castps_si512(b));
+  }
   static V to_coord(Index i) { return _mm512_cvtepi32_ps(i); }
   static void store_index(int32_t* p, Index i) { _mm512_store_si512(p, i); }
 
@@ -282,6 +289,12 @@ struct Ops512<double> {
   static Mask and_ge(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_GE_OQ); }
   static Mask and_le(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_LE_OQ); }
   static bool all_set(Mask m) { return _kortestc_mask8_u8(m, m); }
+  static Mask bits_within(V a, V b) {
+    return _mm512_cmple_epu64_mask(_mm512_castpd_si512(a), _mm512_castpd_si512(b));
+  }
+  static Mask and_bits_within(Mask m, V a, V b) {
+    return _mm512_mask_cmple_epu64_mask(m, _mm512_castpd_si512(a), _mm512_castpd_si512(b));
+  }
 
   // Offsets in 32-bit lanes (eight, in a 32-byte vector).
   static constexpr bool has_offset_vectors = true;
