@@ -6,6 +6,7 @@
 //
 // Names:  interp3_<method>_<type>/<workload>/n:<n>/threads:<t>
 //         stream/<coordinate type>/points:<count>/threads:<t>
+//         pool/tasks:<rows>/steps:<s>/threads:<t> (the pool alone; items: tasks)
 // Without --benchmark_filter a quick subset runs (kQuickFilter below);
 // --benchmark_filter=all runs the whole matrix, any other regex a part of it.
 //
@@ -36,7 +37,8 @@ namespace {
 constexpr const char* kQuickFilter =
     "^interp3_(bilinear|nearest)_float32/(oblique|random)/n:(64|512)/"
     "|^interp3_bilinear_uint8/oblique/n:256/"
-    "|^stream/float32/";
+    "|^stream/float32/"
+    "|^pool/";
 
 using Entry = int (*)(halide_buffer_t*, halide_buffer_t*, halide_buffer_t*, halide_buffer_t*,
                       double, halide_buffer_t*);
@@ -166,6 +168,15 @@ void bm_stream(benchmark::State& state, int threads) {
   });
 }
 
+// The pool alone: one call of kRows row tasks of `steps` dependent
+// multiply-adds each (qzbench_busy_tasks). Items are tasks.
+void bm_busy_tasks(benchmark::State& state, int threads, int steps) {
+  int sink = 0;
+  measure(state, threads, &sink, [&] { sink += qzbench_busy_tasks(kRows, steps); });
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kRows);
+  state.SetBytesProcessed(0);
+}
+
 struct TypeEntry {
   const char* name;
   Entry nearest;
@@ -196,6 +207,15 @@ void register_all(int t) {
   benchmark::RegisterBenchmark(("stream/float64" + points + threads).c_str(), bm_stream<double>, t)
       ->UseRealTime()
       ->Unit(benchmark::kMillisecond);
+  // 0 steps: dispatch alone; 250 and 500 last about as long here as a row of
+  // the fastest nearest and trilinear calls (0.3 and 0.7 us).
+  for (int steps : {0, 250, 500}) {
+    const std::string name =
+        "pool/tasks:" + std::to_string(kRows) + "/steps:" + std::to_string(steps) + threads;
+    benchmark::RegisterBenchmark(name.c_str(), bm_busy_tasks, t, steps)
+        ->UseRealTime()
+        ->Unit(benchmark::kMicrosecond);
+  }
   for (int n : sizes) {
     for (const TypeEntry& type : kTypes) {
       for (Workload w : workloads) {

@@ -19,7 +19,7 @@ def main():
     for path in sys.argv[1:]:
         with open(path) as f:
             reports.append(json.load(f))
-    rows, sizes, streams = {}, set(), []
+    rows, sizes, streams, pools = {}, set(), [], []
     for b in (b for r in reports for b in r["benchmarks"]):
         if b.get("run_type") == "aggregate" and b.get("aggregate_name") != "median":
             continue
@@ -34,6 +34,10 @@ def main():
         m = re.match(r"stream/(\w+)/points:\d+/threads:(\d+)", name)
         if m:
             streams.append((m.group(1), int(m.group(2)), rate))
+            continue
+        m = re.match(r"pool/tasks:\d+/steps:(\d+)/threads:(\d+)", name)
+        if m:  # items are tasks
+            pools.append((int(m.group(1)), int(m.group(2)), 1e3 / rate))
     sizes = sorted(sizes)
     for r in reports:
         ctx = r.get("context", {})
@@ -50,6 +54,14 @@ def main():
         print(f"| {entry} | {workload} | {t} | " + " | ".join(cells) + " |")
     for ct, t, rate in sorted(streams):
         print(f"| stream {ct} | (any) | {t} | " + " | ".join([f"{rate:.0f}"] + [""] * (len(sizes) - 1)) + " |")
+    if pools:
+        print()
+        print("The pool alone: wall time per row task, tasks of `steps` dependent multiply-adds.")
+        print()
+        print("| steps | threads | ns per task |")
+        print("|--:|--:|--:|")
+        for steps, t, ns in sorted(pools):
+            print(f"| {steps} | {t} | {ns:.0f} |")
     return 0
 
 

@@ -16,6 +16,13 @@ __attribute__((visibility("default"))) int qzbench_stream_float32(
 __attribute__((visibility("default"))) int qzbench_stream_float64(
     const double *x, const double *y, const double *z, double *out, int rows, int cols);
 
+// The pool alone: `tasks` row tasks through the same halide_do_par_for,
+// each a chain of `steps` dependent floating-point multiply-adds and no
+// memory traffic. With 0 steps it times the dispatch of a row; with enough
+// steps to last as long as a row of ours, it shows how far the pool itself
+// lets tasks of that length scale with threads.
+__attribute__((visibility("default"))) int qzbench_busy_tasks(int tasks, int steps);
+
 #ifdef __cplusplus
 }
 #endif
