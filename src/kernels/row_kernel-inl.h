@@ -629,26 +629,81 @@ inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, RowPlan& plan) {
   return true;
 }
 
+// Where windows pay off: where two of them serve a group's lanes, in
+// coherent runs of points. A group they do not serve is gathered. Where that
+// happens often, the points are scattered across grid rows and gathers are
+// cheaper: after two such groups close together, the next groups go
+// straight to gathers before windows are tried again.
+inline constexpr int64_t gather_run_groups = 16;
+struct Shortfalls {
+  int64_t last = INT64_MIN / 2;  // column of the last group windows did not serve
+  uint64_t count = 0;            // groups windows did not serve
+  // Notes the group at column c; true when it comes close after the last.
+  bool close_after_last(int64_t c, int64_t lanes) {
+    ++count;
+    const bool close = c - last <= 4 * lanes;
+    last = c;
+    return close;
+  }
+};
+
+// With 32 vector registers a group's gathers fit in line beside the window
+// path's constants. With 16 they push those out of registers, so the run
+// stops at the group instead and the row gathers it.
+template <class Ops>
+concept GathersInLine = Ops::vector_registers >= 32;
+
 // Full blocks from c on, in wide groups read through windows, up to end or
-// to the first group the windows do not serve; returns where it stopped.
-// Kept out of line and free of calls, so that its constants stay in
-// registers for the whole run of groups: a call on the rare path would
-// clobber them all in every group.
+// to a group they did not serve; returns where it stopped. With gathers in
+// line the run gathers such a group itself and stops only past one that
+// came close after the last. Kept out of line and free of calls, so that
+// its constants stay in registers for the whole run: a call, even on the
+// rare path, would clobber them all in every group.
 template <class Wide, Method M, class Sample>
 [[gnu::noinline]] int64_t window_run(const Grid<Sample>& grid, const RowPlan& row_plan,
-                                     const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end) {
+                                     const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end,
+                                     Shortfalls& shortfalls) {
   // Local copies: the compiler then knows that the stores to the output do
   // not change them, and keeps them in registers.
   const Grid<Sample> g = grid;
   const RowPlan plan = row_plan;
   const RowSpan<CoordOf<Sample>> r = span;
   for (; c + Wide::lanes <= end; c += Wide::lanes) {
-    if (!compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
-            g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) {
-      break;
+    if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
+            g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) [[likely]] {
+      continue;
+    }
+    if constexpr (GathersInLine<Wide>) {
+      compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
+          g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
+      if (shortfalls.close_after_last(c, Wide::lanes)) return c + Wide::lanes;
+    } else {
+      return c;
     }
   }
   return c;
+}
+
+// Full blocks [c, stop) in wide groups read by gathers. In a grid beyond the
+// caches each group first asks for the grid lines of the group three ahead
+// (within the row's full blocks, which end at end). Out of line and free of
+// calls, as window_run.
+template <class Wide, Method M, class Sample>
+[[gnu::noinline]] void gather_run(const Grid<Sample>& grid, const RowPlan& row_plan,
+                                  const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t stop,
+                                  int64_t end) {
+  const Grid<Sample> g = grid;  // local copies, as in window_run
+  const RowPlan plan = row_plan;
+  const RowSpan<CoordOf<Sample>> r = span;
+  constexpr int64_t ahead = 3 * Wide::lanes;
+  for (; c + Wide::lanes <= stop; c += Wide::lanes) {
+    if (plan.prefetch && c + ahead + Wide::lanes <= end) {
+      GroupKernel<Wide, Sample, Fetch::gathers>::template prefetch_group<M>(
+          g, r.xq + c + ahead, r.yq + c + ahead, r.zq + c + ahead);
+    }
+    compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
+        g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
+  }
 }
 
 // Full blocks [c, end) in wide groups.
@@ -659,35 +714,35 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
   const RowPlan plan = row_plan;
   const RowSpan<CoordOf<Sample>> r = span;
   if constexpr (F == Fetch::windows) {
-    // Windows pay off where two of them serve a group's lanes: coherent runs
-    // of points. A group they do not serve is gathered. Where that happens
-    // often, the points are scattered across grid rows and gathers are
-    // cheaper: after two such groups close together, the next groups go
-    // straight to gathers before windows are tried again.
-    constexpr int64_t gather_run = 16, close_together = 4 * Wide::lanes;
-    int64_t gather_groups = 0, last_shortfall = -close_together - 1;
-    [[maybe_unused]] uint64_t served = 0, gathered = 0;
+    // Runs of one kind (window_run, gather_run), each a loop with no call in
+    // it.
+    Shortfalls shortfalls;
+    [[maybe_unused]] const int64_t first = c;
+    [[maybe_unused]] uint64_t gathered = 0;  // by gather_run, then in all
     while (c + Wide::lanes <= end) {
-      if (gather_groups > 0) {
-        --gather_groups;
-        constexpr int64_t ahead = 3 * Wide::lanes;
-        if (plan.prefetch && c + ahead + Wide::lanes <= end) {
-          GroupKernel<Wide, Sample, Fetch::gathers>::template prefetch_group<M>(
-              g, r.xq + c + ahead, r.yq + c + ahead, r.zq + c + ahead);
-        }
-      } else {
-        const int64_t stop = window_run<Wide, M, Sample>(g, plan, r, c, end);
-        served += static_cast<uint64_t>((stop - c) / Wide::lanes);
-        c = stop;
+      c = window_run<Wide, M, Sample>(g, plan, r, c, end, shortfalls);
+      int64_t groups = gather_run_groups;
+      if constexpr (!GathersInLine<Wide>) {
+        // Stopped at a group the windows did not serve, or at the end.
         if (c + Wide::lanes > end) break;
-        if (c - last_shortfall <= close_together) gather_groups = gather_run;
-        last_shortfall = c;
+        if (!shortfalls.close_after_last(c, Wide::lanes)) {
+          // One group alone: here, in line, rather than by another call.
+          compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
+              g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
+          ++gathered;
+          c += Wide::lanes;
+          continue;
+        }
+        groups = gather_run_groups + 1;
       }
-      compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
-          g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);
-      ++gathered;
-      c += Wide::lanes;
+      const int64_t stop = c + std::min(groups, (end - c) / Wide::lanes) * Wide::lanes;
+      gather_run<Wide, M, Sample>(g, plan, r, c, stop, end);
+      gathered += static_cast<uint64_t>((stop - c) / Wide::lanes);
+      c = stop;
     }
+    if constexpr (GathersInLine<Wide>) gathered += shortfalls.count;  // by window_run
+    [[maybe_unused]] const uint64_t served =
+        static_cast<uint64_t>((c - first) / Wide::lanes) - gathered;
 #if defined(QZINTERP3D_KERNEL_PROBE)
     note_window_groups(served, gathered);
 #endif

@@ -20,6 +20,7 @@ template <>
 struct Ops512<float> {
   using Coord = float;
   static constexpr int lanes = 16;
+  static constexpr int vector_registers = 32;
   using V = __m512;
   using Mask = __mmask16;
   using Index = __m512i;
@@ -233,6 +234,7 @@ template <>
 struct Ops512<double> {
   using Coord = double;
   static constexpr int lanes = 8;
+  static constexpr int vector_registers = 32;
   using V = __m512d;
   using Mask = __mmask8;
   using Index = __m256i;
