@@ -633,8 +633,11 @@ inline bool offsets_fit_in_32_bits(const Grid<Sample>& g, RowPlan& plan) {
 // coherent runs of points. A group they do not serve is gathered. Where that
 // happens often, the points are scattered across grid rows and gathers are
 // cheaper: after two such groups close together, the next groups go
-// straight to gathers before windows are tried again.
-inline constexpr int64_t gather_run_groups = 16;
+// straight to gathers before windows are tried again. Long runs pay off on
+// scattered points: every switch costs the groups that try windows in vain,
+// and the first groups of a run get no prefetch (64 rather than 16 groups:
+// float32 trilinear on random points in 256^3, 56 -> 75 M points/s).
+inline constexpr int64_t gather_run_groups = 64;
 struct Shortfalls {
   int64_t last = INT64_MIN / 2;  // column of the last group windows did not serve
   uint64_t count = 0;            // groups windows did not serve
