@@ -32,10 +32,9 @@
 // Optionally, shortcuts that change instructions, never results:
 //   round_to_index<mode>(d) (round and convert in one step, as to_index);
 //   not_gt and and_not_gt(mask, a, b) (the block test as chained masked
-//   comparisons); with windows, ge, and_ge, and_le, all_set and
-//   round_to_index_in_range<mode> for groups wholly inside the grid, and
-//   optionally bits_within and and_bits_within (a's bits <= b's, unsigned)
-//   for the same test in half the comparisons.
+//   comparisons); with windows, all_set, round_to_index_in_range<mode>
+//   and either bits_within and and_bits_within (a's bits <= b's, unsigned)
+//   or ge, and_ge and and_le, for groups wholly inside the grid.
 
 #include "kernels/blend.h"  // blend formulas for this target
 
@@ -170,18 +169,22 @@ struct GroupKernel {
   // True when every lane is inside the grid with no NaN coordinate (ordered
   // comparisons) and the bounds are exact: then no lane is filled, and
   // rounding d gives indices in [0, n - 1] with nothing to clamp. Groups of
-  // a slice through the grid mostly are; with windows, and where Ops has the
-  // chained ordered comparisons, this check costs less than the clamps it
-  // saves (gathered groups gain nothing from it).
-  static constexpr bool checks_inside = F == Fetch::windows && requires(Mask m, V a) {
+  // a slice through the grid mostly are; with windows, and where Ops has
+  // chained comparisons for the test (bit comparisons, or ordered ones),
+  // this check costs less than the clamps it saves (gathered groups gain
+  // nothing from it).
+  static constexpr bool compares_bits = requires(Mask m, V a) { Ops::and_bits_within(m, a, a); };
+  static constexpr bool compares_ordered = requires(Mask m, V a) {
     Ops::and_ge(m, a, a);
     Ops::and_le(m, a, a);
-    Ops::all_set(m);
   };
+  static constexpr bool sets_all = requires(Mask m) { Ops::all_set(m); };
+  static constexpr bool checks_inside =
+      F == Fetch::windows && sets_all && (compares_bits || compares_ordered);
   QZ_ALWAYS_INLINE static bool all_inside(const Grid<Sample>& g, const RowPlan& plan,
                                           const Query& q) {
     if (!plan.bounds_exact) return false;
-    if constexpr (requires(Mask m, V a) { Ops::and_bits_within(m, a, a); }) {
+    if constexpr (compares_bits) {
       // One comparison per axis: d = q - 1 is +0 or positive exactly when
       // q >= 1 (it rounds to zero only at q = 1, and then to +0), and for
       // such d, and the bound n - 1 >= 0, d <= bound as numbers exactly
@@ -191,15 +194,16 @@ struct GroupKernel {
       in = Ops::and_bits_within(in, q.dy, Ops::set1(g.bound_y));
       in = Ops::and_bits_within(in, q.dz, Ops::set1(g.bound_z));
       return Ops::all_set(in);
+    } else {
+      const V one = Ops::set1(C(1));
+      Mask in = Ops::ge(q.xq, one);
+      in = Ops::and_le(in, q.dx, Ops::set1(g.bound_x));
+      in = Ops::and_ge(in, q.yq, one);
+      in = Ops::and_le(in, q.dy, Ops::set1(g.bound_y));
+      in = Ops::and_ge(in, q.zq, one);
+      in = Ops::and_le(in, q.dz, Ops::set1(g.bound_z));
+      return Ops::all_set(in);
     }
-    const V one = Ops::set1(C(1));
-    Mask in = Ops::ge(q.xq, one);
-    in = Ops::and_le(in, q.dx, Ops::set1(g.bound_x));
-    in = Ops::and_ge(in, q.yq, one);
-    in = Ops::and_le(in, q.dy, Ops::set1(g.bound_y));
-    in = Ops::and_ge(in, q.zq, one);
-    in = Ops::and_le(in, q.dz, Ops::set1(g.bound_z));
-    return Ops::all_set(in);
   }
 
   // The value of each lane, or the fill value where the lane is outside.

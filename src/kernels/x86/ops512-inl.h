@@ -67,13 +67,9 @@ struct Ops512<float> {
   static Index round_to_index_in_range(V a) {
     return _mm512_cvt_roundps_epi32(a, rounding_of<Mode> | _MM_FROUND_NO_EXC);
   }
-  // not (a > b), true when either is NaN; ordered a >= b and a <= b; each
-  // chained under a mask.
+  // not (a > b), true when either is NaN, alone and chained under a mask.
   static Mask not_gt(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_NGT_UQ); }
   static Mask and_not_gt(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_NGT_UQ); }
-  static Mask ge(V a, V b) { return _mm512_cmp_ps_mask(a, b, _CMP_GE_OQ); }
-  static Mask and_ge(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_GE_OQ); }
-  static Mask and_le(Mask m, V a, V b) { return _mm512_mask_cmp_ps_mask(m, a, b, _CMP_LE_OQ); }
   static bool all_set(Mask m) { return _kortestc_mask16_u8(m, m); }
   // a's bits not above b's, as unsigned integers (see GroupKernel::all_inside).
   static Mask bits_within(V a, V b) {
@@ -287,9 +283,6 @@ struct Ops512<double> {
   }
   static Mask not_gt(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_NGT_UQ); }
   static Mask and_not_gt(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_NGT_UQ); }
-  static Mask ge(V a, V b) { return _mm512_cmp_pd_mask(a, b, _CMP_GE_OQ); }
-  static Mask and_ge(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_GE_OQ); }
-  static Mask and_le(Mask m, V a, V b) { return _mm512_mask_cmp_pd_mask(m, a, b, _CMP_LE_OQ); }
   static bool all_set(Mask m) { return _kortestc_mask8_u8(m, m); }
   static Mask bits_within(V a, V b) {
     return _mm512_cmple_epu64_mask(_mm512_castpd_si512(a), _mm512_castpd_si512(b));
