@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The whole test suite, from a fresh clone: installs the Debian packages that
 # are missing (scripts/packages.txt), builds in Release, runs the sanitizer
-# builds and a short fuzz run (scripts/sanitizers.sh, scripts/fuzz.sh), then
+# builds and a short fuzz run (scripts/sanitizers.sh, scripts/fuzz.sh), the
+# pip-installed package in a fresh venv (scripts/test-pip-package.sh), then
 # every test through ctest (C++ and Python), last, so its summary closes the
 # output. Safe to run again.
 set -euo pipefail
@@ -19,6 +20,9 @@ for stage in sanitizers fuzz; do
     bash "$root/scripts/$stage.sh"
   fi
 done
+
+echo "== pip package"
+bash "$root/scripts/test-pip-package.sh"
 
 echo "== tests"
 ctest --test-dir "$build" --output-on-failure -j"$jobs"
