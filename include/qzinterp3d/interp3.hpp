@@ -38,11 +38,13 @@
 #include <HalideBuffer.h>
 #include <qzinterp3d_halide.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 namespace qzinterp3d {
 
@@ -405,6 +407,191 @@ Halide::Runtime::Buffer<coord_t<VT>, 2> interp3(
     interp3<M>(V, padded(Xq), padded(Yq), padded(Zq), fill_value, full);
   }
   return full.cropped(0, out.x_min, out.x_extent);
+}
+
+// ---------------------------------------------------------------------------
+// Affine resampling: the output's points are generated, not given.
+//
+// Every output point has an index o = (o[0], o[1], o[2]), o[0] the outermost
+// term and o[2] the innermost (for a 3-D output buffer Vq(x, y, z): o = (z, y,
+// x), the order of a C-ordered numpy array). Its 0-based position along grid
+// dimension d is, in double precision, in exactly this order and with no
+// fused operation:
+//
+//   c_d = ((matrix[d][0] * o[0] + matrix[d][1] * o[1]) + matrix[d][2] * o[2]) + offset[d]
+//
+// Outputs of fewer dimensions use leading terms of zero (their index term is
+// 0 and so is their column): 0 + a is a, so the bits are those of the same
+// sum with fewer terms. With boundary::nearest, c_d is then clamped to
+// [0, n_d - 1] (a NaN stays NaN), which gives the edge sample beyond each edge
+// for both methods. The library's 1-based coordinate is c_d + 1, formed in
+// double and rounded once to coord_t<T>. affine_row() is the one place that
+// computes it.
+
+// What a point beyond the grid gets: fill_value (constant), or the value at
+// the nearest point of the grid (nearest).
+enum class boundary { constant, nearest };
+
+// Output index terms to 0-based grid positions: row d gives grid dimension d.
+struct affine_map {
+  double matrix[3][3] = {{0, 0, 0}, {0, 0, 0}, {0, 0, 0}};
+  double offset[3] = {0, 0, 0};
+};
+
+// The library coordinates (1-based, along grid dimensions 0, 1, 2) of the
+// `count` output points o, o + (0, 0, 1), ..., o + (0, 0, count - 1), for a
+// grid of extents n[0..2]; written to xq[i], yq[i], zq[i].
+template <class C>
+void affine_row(const affine_map& map, const int32_t n[3], boundary mode, const int64_t o[3],
+                int64_t count, C* xq, C* yq, C* zq) {
+  static_assert(std::is_same_v<C, float> || std::is_same_v<C, double>,
+                "coordinates are float or double");
+  C* const out[3] = {xq, yq, zq};
+  for (int d = 0; d < 3; ++d) {
+    const double* m = map.matrix[d];
+    // The first two products and their sum are the same for the whole row.
+    const double outer = m[0] * static_cast<double>(o[0]) + m[1] * static_cast<double>(o[1]);
+    const double inner = m[2], offset = map.offset[d];
+    const double last = static_cast<double>(n[d] - 1);
+    C* q = out[d];
+    if (mode == boundary::nearest) {
+      for (int64_t i = 0; i < count; ++i) {
+        double c = (outer + inner * static_cast<double>(o[2] + i)) + offset;
+        c = c < 0.0 ? 0.0 : (c > last ? last : c);
+        q[i] = static_cast<C>(c + 1.0);
+      }
+    } else {
+      for (int64_t i = 0; i < count; ++i) {
+        const double c = (outer + inner * static_cast<double>(o[2] + i)) + offset;
+        q[i] = static_cast<C>(c + 1.0);
+      }
+    }
+  }
+}
+
+namespace detail {
+
+// The x-rows of a 3-D output are written concurrently: none may share memory
+// with another. Going through dimensions 1 and 2 by increasing stride, each
+// stride must step past everything the smaller ones span.
+inline void check_affine_output_rows(const halide_buffer_t& Vq) {
+  int64_t span = Vq.dim[0].extent;
+  int64_t strides[2], extents[2];
+  int count = 0;
+  for (int i = 1; i < 3; ++i) {
+    if (Vq.dim[i].extent > 1) {
+      const int64_t s = Vq.dim[i].stride;
+      strides[count] = s < 0 ? -s : s;
+      extents[count++] = Vq.dim[i].extent;
+    }
+  }
+  if (count == 2 && strides[1] < strides[0]) {
+    std::swap(strides[0], strides[1]);
+    std::swap(extents[0], extents[1]);
+  }
+  for (int i = 0; i < count; ++i) {
+    if (strides[i] < span) {
+      throw argument_error("Vq", "expected rows that do not overlap, got strides " +
+                                     str(Vq.dim[1].stride) + " and " + str(Vq.dim[2].stride) +
+                                     " for rows of " + str(Vq.dim[0].extent) + " elements");
+    }
+    span = strides[i] * (extents[i] - 1) + span;
+  }
+}
+
+// One task's share of an affine_transform call: a run of whole x-rows.
+template <method M, class VT, int VD, int VS, class C>
+struct affine_job {
+  const Halide::Runtime::Buffer<VT, VD, VS>* V;
+  const affine_map* map;
+  boundary mode;
+  double fill_value;
+  halide_buffer_t* Vq;
+  int32_t rows_per_task;
+  int32_t n[3];
+  bool failed = false;
+
+  // Rows are numbered y + ny * z from Vq's mins; task t computes rows
+  // [t * rows_per_task, (t + 1) * rows_per_task).
+  int run(int task) noexcept {
+    try {
+      const halide_dimension_t* d = Vq->dim;
+      const int32_t width = d[0].extent, ny = d[1].extent;
+      const int64_t total = int64_t{ny} * d[2].extent;
+      const int64_t first = int64_t{task} * rows_per_task;
+      const int32_t rows = static_cast<int32_t>(std::min<int64_t>(rows_per_task, total - first));
+      Halide::Runtime::Buffer<C, 2> X(width, rows), Y(width, rows), Z(width, rows);
+      for (int32_t r = 0; r < rows; ++r) {
+        const int64_t row = first + r;
+        const int64_t o[3] = {d[2].min + row / ny, d[1].min + row % ny, d[0].min};
+        affine_row<C>(*map, n, mode, o, width, &X(0, r), &Y(0, r), &Z(0, r));
+      }
+      const Halide::Runtime::Buffer<C, 2> values = interp3<M>(*V, X, Y, Z, fill_value);
+      for (int32_t r = 0; r < rows; ++r) {
+        const int64_t row = first + r;
+        const int64_t offset = (row % ny) * int64_t{d[1].stride} + (row / ny) * int64_t{d[2].stride};
+        std::copy(&values(0, r), &values(0, r) + width, reinterpret_cast<C*>(Vq->host) + offset);
+      }
+      return 0;
+    } catch (...) {
+      failed = true;
+      return -1;
+    }
+  }
+
+  static int task(void*, int t, uint8_t* closure) {
+    return reinterpret_cast<affine_job*>(closure)->run(t);
+  }
+};
+
+}  // namespace detail
+
+// Resamples V through an affine map into the existing 3-D output Vq, whose
+// element Vq(x, y, z) (absolute coordinates: a buffer over a box of a larger
+// output, with its mins, gives that box) is the point o = (z, y, x) of the
+// formula above. Each x-row of Vq is computed as one row of the C entry, so
+// the result equals interp3<M>() over coordinates from affine_row(), row by
+// row, bit for bit. Rows run in parallel on the Halide runtime's thread pool,
+// a bounded number of them at a time, each with its own scratch coordinates;
+// no full coordinate array is ever formed. Throws argument_error, having
+// written nothing, when an argument is unfit.
+template <method M, class VT, int VD, int VS, class OT, int OD, int OS>
+void affine_transform(const Halide::Runtime::Buffer<VT, VD, VS>& V, const affine_map& map,
+                      boundary mode, double fill_value,
+                      const Halide::Runtime::Buffer<OT, OD, OS>& Vq) {
+  using S = std::remove_const_t<VT>;
+  using C = coord_t<S>;
+  detail::check_sample_type<VT>();
+  static_assert(VD == Halide::Runtime::AnyDims || VD == 3, "V: expected a 3-D buffer");
+  static_assert(std::is_same_v<std::remove_const_t<OT>, C>,
+                "Vq: expected elements of type double for double samples, float otherwise");
+  static_assert(!std::is_const_v<OT>, "Vq: expected a writable buffer, got Buffer<const T>");
+  static_assert(OD == Halide::Runtime::AnyDims || OD == 3, "Vq: expected a 3-D buffer");
+
+  const halide_buffer_t& v = *V.raw_buffer();
+  const halide_buffer_t& o = *Vq.raw_buffer();
+  detail::check_grid(v);
+  detail::check_shape("Vq", o, 3);
+  const int64_t width = o.dim[0].extent, rows = int64_t{o.dim[1].extent} * o.dim[2].extent;
+  if (width == 0 || rows == 0) return;
+  detail::check_storage("Vq", o);
+  if (rows > std::numeric_limits<int32_t>::max()) {
+    throw argument_error("Vq", "expected at most 2^31 - 1 rows, got " + detail::str(rows));
+  }
+  detail::check_affine_output_rows(o);
+  detail::check_disjoint(o, v, "V");
+
+  // About 65536 points per task (rows are never split): its scratch is a few MiB.
+  constexpr int64_t points_per_task = int64_t{1} << 16;
+  const int64_t rows_per_task = std::clamp<int64_t>(points_per_task / width, 1, rows);
+  const int64_t tasks = (rows + rows_per_task - 1) / rows_per_task;
+  detail::affine_job<M, VT, VD, VS, C> job{&V, &map, mode, fill_value,
+                                          const_cast<halide_buffer_t*>(&o),
+                                          static_cast<int32_t>(rows_per_task),
+                                          {v.dim[0].extent, v.dim[1].extent, v.dim[2].extent}};
+  (void)halide_do_par_for(nullptr, &decltype(job)::task, 0, static_cast<int>(tasks),
+                          reinterpret_cast<uint8_t*>(&job));
+  if (job.failed) throw std::runtime_error("qzinterp3d::affine_transform: a row task failed");
 }
 
 }  // namespace qzinterp3d

@@ -11,16 +11,21 @@
 // computed through a padded scratch copy, a slab of rows at a time.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
 
+#include <qzinterp3d/interp3.hpp>
 #include <qzinterp3d_halide.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <type_traits>
 #include <vector>
 
 namespace py = pybind11;
@@ -155,6 +160,7 @@ struct Region {
 
 // The sample grid and the entry to call.
 struct Call {
+  const char* name;
   EntryFn entry;
   halide_type_t sample_type;
   halide_type_t coord_type;
@@ -298,24 +304,71 @@ Query check_coordinates(const py::object& xq_obj, const py::object& yq_obj,
                            str_of(a.dtype()) + " (convert it with " + name + ".astype(np." +
                            str_of(coord_dtype) + "))");
     }
-    if (a.ndim() != 1 && a.ndim() != 2) {
-      throw py::value_error(name + " must be 1-D or 2-D, got a " + std::to_string(a.ndim()) +
-                            "-D array of shape " + shape_of(a));
-    }
     if (i > 0 && (a.ndim() != q.xq.ndim() ||
                   !std::equal(a.shape(), a.shape() + a.ndim(), q.xq.shape()))) {
       throw py::value_error(name + " has shape " + shape_of(a) + " but xq has shape " +
                             shape_of(q.xq) + "; xq, yq and zq must have one shape");
     }
-    require_contiguous_last_axis(a, name);
+    if (a.ndim() > 0) require_contiguous_last_axis(a, name);
     require_aligned(a, name);
-    if (a.ndim() == 2) {
-      require_int32_extent(a.shape(0), name + "'s row count");
-      require_int32_extent(a.shape(1), name + "'s row length");
-      element_stride(a, 0, name + "'s first axis");
+    if (a.ndim() >= 2) {
+      require_int32_extent(a.shape(a.ndim() - 1), name + "'s row length");
+      for (py::ssize_t axis = 0; axis + 1 < a.ndim(); ++axis) {
+        element_stride(a, axis, name + (axis == 0 ? std::string("'s first axis")
+                                                  : "'s axis " + std::to_string(axis)));
+      }
     }
   }
   return q;
+}
+
+// The rows of an N-D query (N >= 2): every index of the leading axes, in C
+// order, is one row along the last axis. Rows that lie at one stride from
+// each other in all four arrays form one region; the others are grouped by
+// the second-to-last axis.
+void nd_regions(const Query& q, const py::array& out, std::vector<Region>& regions) {
+  const py::array* arrays[4] = {&q.xq, &q.yq, &q.zq, &out};
+  const py::ssize_t nd = out.ndim(), last = nd - 1;
+  const int32_t cols = static_cast<int32_t>(out.shape(last));
+  // Whether, in every array, each leading axis steps exactly over the axes after it.
+  bool uniform = true;
+  for (const py::array* a : arrays) {
+    for (py::ssize_t axis = 0; axis + 2 < nd; ++axis) {
+      if (a->shape(axis) > 1 && a->strides(axis) != a->shape(axis + 1) * a->strides(axis + 1)) {
+        uniform = false;
+      }
+    }
+  }
+  const int64_t rows = static_cast<int64_t>(out.size() / out.shape(last));
+  const int64_t group = uniform ? rows : out.shape(last - 1);
+  auto stride_of = [&](const py::array& a) {
+    for (py::ssize_t axis = last - 1; axis >= 0; --axis) {
+      if (a.shape(axis) > 1) return static_cast<int32_t>(a.strides(axis) / a.itemsize());
+    }
+    return cols;
+  };
+  const int32_t strides[4] = {stride_of(q.xq), stride_of(q.yq), stride_of(q.zq), stride_of(out)};
+  // Regions of at most 2^30 rows, to stay within the descriptors' 32-bit extents.
+  constexpr int64_t kMaxRows = int64_t{1} << 30;
+  for (int64_t first = 0; first < rows; first += group) {
+    // The address of row `first`: unravel it over the leading axes.
+    const char* at[4];
+    for (int k = 0; k < 4; ++k) {
+      int64_t rest = first, offset = 0;
+      for (py::ssize_t axis = last - 1; axis >= 0; --axis) {
+        offset += (rest % arrays[k]->shape(axis)) * arrays[k]->strides(axis);
+        rest /= arrays[k]->shape(axis);
+      }
+      at[k] = static_cast<const char*>(arrays[k]->data()) + offset;
+    }
+    for (int64_t done = 0; done < group; done += kMaxRows) {
+      const int32_t n = static_cast<int32_t>(std::min(kMaxRows, group - done));
+      const char* p[4];
+      for (int k = 0; k < 4; ++k) p[k] = at[k] + done * strides[k] * arrays[k]->itemsize();
+      regions.push_back({p[0], p[1], p[2], const_cast<char*>(p[3]), strides[0], strides[1],
+                         strides[2], strides[3], n, cols});
+    }
+  }
 }
 
 template <class Coord>
@@ -325,11 +378,11 @@ py::array compute(const Call& call, const Query& q) {
   if (out.size() == 0) return out;
 
   std::vector<Region> regions;
-  if (xq.ndim() == 2) {
-    const int32_t rows = static_cast<int32_t>(xq.shape(0)), cols = static_cast<int32_t>(xq.shape(1));
-    regions.push_back({q.xq.data(), q.yq.data(), q.zq.data(), out.mutable_data(),
-                       element_stride(q.xq, 0, "xq"), element_stride(q.yq, 0, "yq"),
-                       element_stride(q.zq, 0, "zq"), cols, rows, cols});
+  if (xq.ndim() == 0) {
+    regions.push_back({q.xq.data(), q.yq.data(), q.zq.data(), out.mutable_data(), 1, 1, 1, 1, 1,
+                       1});
+  } else if (xq.ndim() >= 2) {
+    nd_regions(q, out, regions);
   } else {
     const int64_t n = xq.shape(0), full_rows = n / kRowLength, rest = n % kRowLength;
     require_int32_extent(full_rows, "the number of rows of a 1-D query");
@@ -350,9 +403,9 @@ py::array compute(const Call& call, const Query& q) {
   return out;
 }
 
-py::array interp3(const py::object& volume_obj, const py::object& xq_obj,
-                  const py::object& yq_obj, const py::object& zq_obj,
-                  const py::object& method_obj, const py::object& fill_value_obj) {
+// The volume, method and fill value of a call, checked.
+Call prepare_call(const py::object& volume_obj, const py::object& method_obj,
+                  const py::object& fill_value_obj) {
   const py::array volume = as_ndarray(volume_obj, "volume");
   const SampleVariant* variant = nullptr;
   for (const SampleVariant& v : kVariants) {
@@ -400,10 +453,8 @@ py::array interp3(const py::object& volume_obj, const py::object& xq_obj,
   }
 
   const bool f64 = variant->type.code == halide_type_float && variant->type.bits == 64;
-  const py::dtype coord_dtype = f64 ? py::dtype::of<double>() : py::dtype::of<float>();
-  const Query q = check_coordinates(xq_obj, yq_obj, zq_obj, coord_dtype, variant->name);
-
   Call call{};
+  call.name = variant->name;
   call.entry = entry;
   call.sample_type = variant->type;
   call.coord_type = halide_type_t(halide_type_float, f64 ? 64 : 32);
@@ -415,8 +466,472 @@ py::array interp3(const py::object& volume_obj, const py::object& xq_obj,
   call.volume_dims[2] = halide_dimension_t(0, static_cast<int32_t>(volume.shape(0)),
                                            element_stride(volume, 0, "volume's first axis (z)"));
   call.fill_value = fill_value;
-  return f64 ? compute<double>(call, q) : compute<float>(call, q);
+  return call;
 }
+
+bool is_f64(const Call& c) { return c.coord_type.bits == 64; }
+
+py::array interp3(const py::object& volume_obj, const py::object& xq_obj,
+                  const py::object& yq_obj, const py::object& zq_obj,
+                  const py::object& method_obj, const py::object& fill_value_obj) {
+  const Call call = prepare_call(volume_obj, method_obj, fill_value_obj);
+  const py::dtype coord_dtype = is_f64(call) ? py::dtype::of<double>() : py::dtype::of<float>();
+  const Query q = check_coordinates(xq_obj, yq_obj, zq_obj, coord_dtype, call.name);
+  return is_f64(call) ? compute<double>(call, q) : compute<float>(call, q);
+}
+
+// ---------------------------------------------------------------------------
+// Storing results into an output of another dtype, rounded and cast the way
+// scipy.ndimage (1.10, x86-64) stores its double results for interpolation
+// orders 0 and 1, so that a given output array gets the same values from both.
+
+enum class OutKind { f16, f32, f64, i8, i16, i32, i64, u8, u16, u32, u64, boolean };
+
+// The value a signed integer output gets: half-way cases away from zero,
+// saturating at the type's range; a NaN gives what the x86 truncating
+// conversion gives (the 32-bit "integer indefinite" INT32_MIN, of which 8-
+// and 16-bit outputs keep the low bits, 0; INT64_MIN for 64 bits), and so
+// does exactly 2^63 for int64, which is not above INT64_MAX as a double.
+template <class I>
+I to_signed(double t) {
+  t = t > 0 ? t + 0.5 : t - 0.5;
+  constexpr I lo = std::numeric_limits<I>::min(), hi = std::numeric_limits<I>::max();
+  if (t > static_cast<double>(hi)) return hi;
+  if (t < static_cast<double>(lo)) return lo;
+  if (std::isnan(t) || t >= 9223372036854775808.0) {
+    return sizeof(I) == 8 ? lo : static_cast<I>(sizeof(I) == 4 ? lo : 0);
+  }
+  return static_cast<I>(static_cast<int64_t>(t));
+}
+
+// Unsigned outputs: values at or below 0 (and NaN) give 0, others are
+// rounded half up and saturate; exactly 2^64 (not above UINT64_MAX as a
+// double) gives 0 as the x86 conversion does.
+template <class U>
+U to_unsigned(double t) {
+  t = t > 0 ? t + 0.5 : 0.0;
+  constexpr U hi = std::numeric_limits<U>::max();
+  if (t > static_cast<double>(hi)) return hi;
+  if (t >= 18446744073709551616.0) return 0;
+  if (t >= 9223372036854775808.0) {
+    return static_cast<U>(static_cast<uint64_t>(static_cast<int64_t>(t - 9223372036854775808.0)) ^
+                          (uint64_t{1} << 63));
+  }
+  return static_cast<U>(static_cast<int64_t>(t));
+}
+
+// Boolean outputs: the value truncated towards zero to a 32-bit integer
+// (NaN and values beyond the range give INT32_MIN) is true when its low byte
+// is not zero. Stored as 1 (scipy stores the byte itself).
+bool to_bool(double t) {
+  if (!(t > -2147483649.0 && t < 2147483648.0)) return false;
+  return (static_cast<int64_t>(t) & 0xff) != 0;
+}
+
+// Round to nearest, ties to even, to IEEE half precision.
+uint16_t to_half(double t) {
+  const uint16_t sign = std::signbit(t) ? 0x8000 : 0;
+  const double a = std::fabs(t);
+  if (std::isnan(t)) return static_cast<uint16_t>(sign | 0x7e00);
+  if (a >= 65520.0) return static_cast<uint16_t>(sign | 0x7c00);  // rounds to infinity
+  if (a < 6.103515625e-05) {  // below 2^-14: subnormal steps of 2^-24 (1024: the smallest normal)
+    return static_cast<uint16_t>(sign | static_cast<uint16_t>(std::nearbyint(a * 16777216.0)));
+  }
+  int e = 0;
+  (void)std::frexp(a, &e);  // a = f * 2^e, f in [0.5, 1)
+  const double m = std::nearbyint(std::ldexp(a, 11 - e));  // in [1024, 2048], exactly scaled
+  // m == 2048 carries into the exponent field through the addition.
+  return static_cast<uint16_t>(sign | (((e + 14) << 10) + (static_cast<int>(m) - 1024)));
+}
+
+struct OutputSpec {
+  OutKind kind;
+  int itemsize;
+};
+
+OutputSpec output_spec(const py::dtype& dt) {
+  const char kind = dt.kind();
+  const int size = static_cast<int>(dt.itemsize());
+  const bool native = same_dtype(dt, py::dtype(dt.attr("newbyteorder")("=")));
+  if (native) {
+    if (kind == 'f' && size == 2) return {OutKind::f16, 2};
+    if (kind == 'f' && size == 4) return {OutKind::f32, 4};
+    if (kind == 'f' && size == 8) return {OutKind::f64, 8};
+    if (kind == 'i' && size == 1) return {OutKind::i8, 1};
+    if (kind == 'i' && size == 2) return {OutKind::i16, 2};
+    if (kind == 'i' && size == 4) return {OutKind::i32, 4};
+    if (kind == 'i' && size == 8) return {OutKind::i64, 8};
+    if (kind == 'u' && size == 1) return {OutKind::u8, 1};
+    if (kind == 'u' && size == 2) return {OutKind::u16, 2};
+    if (kind == 'u' && size == 4) return {OutKind::u32, 4};
+    if (kind == 'u' && size == 8) return {OutKind::u64, 8};
+    if (kind == 'b' && size == 1) return {OutKind::boolean, 1};
+  }
+  throw py::type_error("output has dtype " + str_of(dt) +
+                       "; expected a real dtype in native byte order: float16, float32, "
+                       "float64, int8 to int64, uint8 to uint64 or bool");
+}
+
+template <class T>
+void put(char* p, T v) {
+  std::memcpy(p, &v, sizeof v);
+}
+
+// Stores n values at dst, dst + stride, ... (stride in bytes).
+template <class C>
+void store_row(const C* src, int64_t n, char* dst, int64_t stride, OutKind kind) {
+  for (int64_t i = 0; i < n; ++i, dst += stride) {
+    const double t = static_cast<double>(src[i]);
+    switch (kind) {
+      case OutKind::f16: put(dst, to_half(t)); break;
+      case OutKind::f32: put(dst, static_cast<float>(src[i])); break;
+      case OutKind::f64: put(dst, t); break;
+      case OutKind::i8: put(dst, to_signed<int8_t>(t)); break;
+      case OutKind::i16: put(dst, to_signed<int16_t>(t)); break;
+      case OutKind::i32: put(dst, to_signed<int32_t>(t)); break;
+      case OutKind::i64: put(dst, to_signed<int64_t>(t)); break;
+      case OutKind::u8: put(dst, to_unsigned<uint8_t>(t)); break;
+      case OutKind::u16: put(dst, to_unsigned<uint16_t>(t)); break;
+      case OutKind::u32: put(dst, to_unsigned<uint32_t>(t)); break;
+      case OutKind::u64: put(dst, to_unsigned<uint64_t>(t)); break;
+      case OutKind::boolean: put(dst, static_cast<uint8_t>(to_bool(t))); break;
+    }
+  }
+}
+
+// The shape of an output and how its points are grouped into rows: for two
+// or more dimensions each row is the last axis at one index of the leading
+// axes (in C order); for one dimension, rows of kRowLength points and one
+// row of the rest; for none, one row of one point. shape[] is padded with
+// leading 1s (and strides with 0s) to three dimensions.
+struct Layout {
+  int ndim = 0;
+  int64_t shape[3] = {1, 1, 1};
+  int64_t strides[3] = {0, 0, 0};  // of the output array, in bytes
+  int64_t rows = 1, row_length = 1, total = 1;
+
+  void start(int64_t row, int64_t o[3]) const {
+    if (ndim == 1) {
+      o[0] = o[1] = 0;
+      o[2] = row * row_length;
+    } else {
+      o[0] = row / shape[1];
+      o[1] = row % shape[1];
+      o[2] = 0;
+    }
+  }
+  int64_t length(int64_t row) const {
+    return ndim == 1 ? std::min(row_length, total - row * row_length) : shape[2];
+  }
+  int64_t byte_offset(const int64_t o[3]) const {
+    return o[0] * strides[0] + o[1] * strides[1] + o[2] * strides[2];
+  }
+};
+
+Layout layout_of(const std::vector<int64_t>& shape, const std::vector<int64_t>& strides) {
+  Layout l;
+  l.ndim = static_cast<int>(shape.size());
+  const int pad = 3 - l.ndim;
+  for (int i = 0; i < l.ndim; ++i) {
+    l.shape[pad + i] = shape[i];
+    l.strides[pad + i] = strides[i];
+    l.total *= shape[i];
+  }
+  if (l.ndim == 1) {
+    l.row_length = kRowLength;
+    l.rows = (l.total + kRowLength - 1) / kRowLength;
+  } else {
+    l.row_length = l.shape[2];
+    l.rows = l.shape[2] == 0 ? 0 : l.total / l.shape[2];
+  }
+  return l;
+}
+
+// A piece of the output computed by one call of the entry: `rows` rows from
+// `first_row` on, columns [col, col + cols) of each (all of them, unless a
+// row is longer than a tile holds).
+struct Tile {
+  int64_t first_row;
+  int64_t col;
+  int32_t rows, cols;
+};
+
+// Scratch per worker: about 1 MiB of coordinates and values.
+constexpr int64_t kTileBytes = int64_t{1} << 20;
+// Workers running tiles at once; with their scratch, at most 32 MiB.
+constexpr int kMaxWorkers = 32;
+
+// Splits the rows into tiles of whole rows of at most `points` points. A row
+// longer than that is split into pieces whose widths are multiples of 16
+// columns (a multiple of every block width and of the nearest method's
+// groups of four), the last piece keeping at least 16 columns: each piece is
+// then computed with the blocks (and groups) the whole row would have, so
+// the bits are the same.
+std::vector<Tile> tiles_of(const Layout& l, int64_t points) {
+  std::vector<Tile> tiles;
+  int64_t row = 0;
+  while (row < l.rows) {
+    const int64_t len = l.length(row);
+    if (len <= points) {
+      // Rows of one length, up to `points` points (the 1-D layout's last row is shorter).
+      int64_t n = std::max<int64_t>(1, points / std::max<int64_t>(len, 16));
+      n = std::min<int64_t>(n, l.rows - row);
+      if (l.ndim == 1 && row + n == l.rows && l.length(row + n - 1) != len) --n;
+      n = std::max<int64_t>(n, 1);
+      tiles.push_back({row, 0, static_cast<int32_t>(n), static_cast<int32_t>(len)});
+      row += n;
+    } else {
+      const int64_t piece = (points / 2) / 16 * 16;
+      const int64_t pieces = len / piece;
+      for (int64_t k = 0; k < pieces; ++k) {
+        const int64_t width = k + 1 < pieces ? piece : len - k * piece;
+        tiles.push_back({row, k * piece, 1, static_cast<int32_t>(width)});
+      }
+      ++row;
+    }
+  }
+  return tiles;
+}
+
+// Where an affine call's points come from and where its values go.
+template <class Coord>
+struct AffineJob {
+  using coord_type = Coord;
+  Call call;
+  qzinterp3d::affine_map map;
+  qzinterp3d::boundary mode;
+  int32_t n[3];
+  Layout layout;
+  char* output;
+  OutputSpec spec;
+  bool direct;  // a C-ordered output of the coordinate dtype: entries write it in place
+  std::vector<Tile> tiles;
+  std::atomic<size_t> next{0};
+  std::atomic<bool> failed{false};
+
+  void run_tile(const Tile& t, std::vector<Coord>& scratch) {
+    const halide_dimension_t columns = queried_columns(call, t.rows, t.cols);
+    const int32_t width = columns.extent, lead = -columns.min;
+    const size_t plane = static_cast<size_t>(t.rows) * static_cast<size_t>(width);
+    scratch.resize(4 * plane);
+    Coord* xs = scratch.data();
+    Coord* ys = xs + plane;
+    Coord* zs = ys + plane;
+    Coord* outs = zs + plane;
+    const bool padded = width != t.cols;
+    if (padded) std::fill(xs, xs + 3 * plane, Coord(1));
+    for (int32_t r = 0; r < t.rows; ++r) {
+      int64_t o[3];
+      layout.start(t.first_row + r, o);
+      o[2] += t.col;
+      const size_t at = static_cast<size_t>(r) * width + static_cast<size_t>(lead);
+      qzinterp3d::affine_row<Coord>(map, n, mode, o, t.cols, xs + at, ys + at, zs + at);
+    }
+    int64_t o0[3];
+    layout.start(t.first_row, o0);
+    o0[2] += t.col;
+    const bool in_place = direct && !padded;
+    Coord* target = in_place ? reinterpret_cast<Coord*>(output + layout.byte_offset(o0))
+                             : outs + lead;
+    // Rows of a C-ordered output lie one row length apart.
+    const int32_t out_stride = in_place ? static_cast<int32_t>(layout.row_length) : width;
+    {
+      Buffer3D v(call, call.volume);
+      Buffer2D xq(xs, call.coord_type, columns.min, width, t.rows, width);
+      Buffer2D yq(ys, call.coord_type, columns.min, width, t.rows, width);
+      Buffer2D zq(zs, call.coord_type, columns.min, width, t.rows, width);
+      Buffer2D out(target, call.coord_type, 0, t.cols, t.rows, out_stride);
+      call.entry(&v.buf, &xq.buf, &yq.buf, &zq.buf, call.fill_value, &out.buf);
+    }
+    if (in_place) return;
+    for (int32_t r = 0; r < t.rows; ++r) {
+      int64_t o[3];
+      layout.start(t.first_row + r, o);
+      o[2] += t.col;
+      store_row<Coord>(outs + static_cast<size_t>(r) * width + static_cast<size_t>(lead), t.cols,
+                       output + layout.byte_offset(o), layout.strides[2], spec.kind);
+    }
+  }
+
+  // One worker: takes tiles until none is left.
+  int work() noexcept {
+    try {
+      std::vector<Coord> scratch;
+      for (size_t i = next++; i < tiles.size(); i = next++) run_tile(tiles[i], scratch);
+      return 0;
+    } catch (...) {
+      failed = true;
+      return -1;
+    }
+  }
+  static int task(void*, int, uint8_t* closure) {
+    return reinterpret_cast<AffineJob*>(closure)->work();
+  }
+};
+
+int worker_count(size_t tiles) {
+  const unsigned hw = std::max(1u, std::thread::hardware_concurrency());
+  return static_cast<int>(std::min<size_t>({tiles, static_cast<size_t>(hw), kMaxWorkers}));
+}
+
+qzinterp3d::affine_map affine_map_of(const py::array_t<double, py::array::c_style | py::array::forcecast>& matrix,
+                                     const py::array_t<double, py::array::c_style | py::array::forcecast>& offset) {
+  if (matrix.ndim() != 2 || matrix.shape(0) != 3 || matrix.shape(1) != 3) {
+    throw py::value_error("matrix must have shape (3, 3), got " + shape_of(matrix));
+  }
+  if (offset.ndim() != 1 || offset.shape(0) != 3) {
+    throw py::value_error("offset must have shape (3,), got " + shape_of(offset));
+  }
+  qzinterp3d::affine_map m;
+  for (int d = 0; d < 3; ++d) {
+    for (int j = 0; j < 3; ++j) m.matrix[d][j] = matrix.at(d, j);
+    m.offset[d] = offset.at(d);
+  }
+  return m;
+}
+
+qzinterp3d::boundary boundary_of(const std::string& mode) {
+  if (mode == "constant") return qzinterp3d::boundary::constant;
+  if (mode == "nearest") return qzinterp3d::boundary::nearest;
+  throw py::value_error("mode must be 'constant' or 'nearest', got '" + mode + "'");
+}
+
+template <class Coord>
+void run_affine(AffineJob<Coord>& job) {
+  if (job.tiles.empty()) return;
+  py::gil_scoped_release release;
+  (void)halide_do_par_for(nullptr, &AffineJob<Coord>::task, 0, worker_count(job.tiles.size()),
+                          reinterpret_cast<uint8_t*>(&job));
+  if (job.failed) throw std::runtime_error("affine resampling failed (out of memory?)");
+}
+
+// _affine_resample(volume, matrix, offset, method, mode, fill_value, output)
+void affine_resample(const py::object& volume_obj, const py::object& matrix_obj,
+                     const py::object& offset_obj, const py::object& method_obj,
+                     const std::string& mode, const py::object& fill_value_obj,
+                     const py::object& output_obj) {
+  const Call call = prepare_call(volume_obj, method_obj, fill_value_obj);
+  const qzinterp3d::affine_map map =
+      affine_map_of(py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(matrix_obj),
+                    py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(offset_obj));
+  const qzinterp3d::boundary boundary = boundary_of(mode);
+  py::array output = as_ndarray(output_obj, "output");
+  if (output.ndim() > 3) {
+    throw py::value_error("output must have at most 3 dimensions, got " + shape_of(output));
+  }
+  if (!output.writeable()) throw py::value_error("output is read-only");
+  require_aligned(output, "output");
+  const OutputSpec spec = output_spec(output.dtype());
+  std::vector<int64_t> shape(output.shape(), output.shape() + output.ndim());
+  std::vector<int64_t> strides(output.strides(), output.strides() + output.ndim());
+  const Layout layout = layout_of(shape, strides);
+  if (layout.total == 0) return;
+  const bool f64 = is_f64(call);
+  const bool c_ordered = (output.flags() & py::array::c_style) != 0;
+  auto fill = [&](auto& job) {
+    job.call = call;
+    job.map = map;
+    job.mode = boundary;
+    for (int d = 0; d < 3; ++d) job.n[d] = call.volume_dims[d].extent;
+    job.layout = layout;
+    job.output = static_cast<char*>(output.mutable_data());
+    job.spec = spec;
+    using Coord = typename std::decay_t<decltype(job)>::coord_type;
+    job.direct = c_ordered && spec.itemsize == static_cast<int>(sizeof(Coord)) &&
+                 spec.kind == (f64 ? OutKind::f64 : OutKind::f32);
+    job.tiles = tiles_of(layout, kTileBytes / (4 * static_cast<int64_t>(sizeof(Coord))));
+    run_affine(job);
+  };
+  if (f64) {
+    AffineJob<double> job;
+    fill(job);
+  } else {
+    AffineJob<float> job;
+    fill(job);
+  }
+}
+
+// _affine_coordinates(extents, matrix, offset, mode, start, stop, double)
+// The library coordinates of the box of output indices [start, stop), as
+// three C-ordered arrays of the box's shape (float64 if `double`, else
+// float32): the values affine resampling hands to the entries.
+py::tuple affine_coordinates(const std::vector<int32_t>& extents, const py::object& matrix_obj,
+                             const py::object& offset_obj, const std::string& mode,
+                             const std::vector<int64_t>& start, const std::vector<int64_t>& stop,
+                             bool f64) {
+  if (extents.size() != 3) throw py::value_error("extents must hold 3 values");
+  if (start.size() != stop.size() || start.size() > 3) {
+    throw py::value_error("start and stop must have one length, at most 3");
+  }
+  const qzinterp3d::affine_map map =
+      affine_map_of(py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(matrix_obj),
+                    py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(offset_obj));
+  const qzinterp3d::boundary boundary = boundary_of(mode);
+  std::vector<py::ssize_t> shape;
+  int64_t lo[3] = {0, 0, 0}, count[3] = {1, 1, 1};
+  const size_t pad = 3 - start.size();
+  for (size_t i = 0; i < start.size(); ++i) {
+    if (stop[i] < start[i] || start[i] < 0) throw py::value_error("start and stop: an empty or negative range");
+    shape.push_back(static_cast<py::ssize_t>(stop[i] - start[i]));
+    lo[pad + i] = start[i];
+    count[pad + i] = stop[i] - start[i];
+  }
+  const int32_t n[3] = {extents[0], extents[1], extents[2]};
+  auto make = [&](auto tag) {
+    using Coord = decltype(tag);
+    py::array_t<Coord> x(shape), y(shape), z(shape);
+    Coord *px = x.mutable_data(), *py_ = y.mutable_data(), *pz = z.mutable_data();
+    {
+      py::gil_scoped_release release;
+      int64_t at = 0;
+      for (int64_t i0 = 0; i0 < count[0]; ++i0) {
+        for (int64_t i1 = 0; i1 < count[1]; ++i1, at += count[2]) {
+          const int64_t o[3] = {lo[0] + i0, lo[1] + i1, lo[2]};
+          qzinterp3d::affine_row<Coord>(map, n, boundary, o, count[2], px + at, py_ + at, pz + at);
+        }
+      }
+    }
+    return py::make_tuple(x, y, z);
+  };
+  return f64 ? make(double{}) : make(float{});
+}
+
+// _cast_into(values, output): stores C-ordered float32 or float64 values
+// into `output` (same shape, any real dtype, any strides) with the rounding
+// and casts of integer outputs described above.
+void cast_into(const py::array& values, const py::object& output_obj) {
+  py::array output = as_ndarray(output_obj, "output");
+  if (values.ndim() != output.ndim() ||
+      !std::equal(values.shape(), values.shape() + values.ndim(), output.shape())) {
+    throw py::value_error("output has shape " + shape_of(output) + ", expected " + shape_of(values));
+  }
+  if (!(values.flags() & py::array::c_style)) throw py::value_error("values must be C-ordered");
+  if (!output.writeable()) throw py::value_error("output is read-only");
+  require_aligned(output, "output");
+  const OutputSpec spec = output_spec(output.dtype());
+  const bool f64 = same_dtype(values.dtype(), py::dtype::of<double>());
+  if (!f64 && !same_dtype(values.dtype(), py::dtype::of<float>())) {
+    throw py::type_error("values must be float32 or float64");
+  }
+  std::vector<int64_t> shape(output.shape(), output.shape() + output.ndim());
+  std::vector<int64_t> strides(output.strides(), output.strides() + output.ndim());
+  const Layout l = layout_of(shape, strides);
+  char* out = static_cast<char*>(output.mutable_data());
+  const char* in = static_cast<const char*>(values.data());
+  const size_t size = f64 ? 8 : 4;
+  py::gil_scoped_release release;
+  for (int64_t row = 0; row < l.rows; ++row) {
+    int64_t o[3];
+    l.start(row, o);
+    const int64_t flat = (o[0] * l.shape[1] + o[1]) * l.shape[2] + o[2];
+    if (f64) {
+      store_row(reinterpret_cast<const double*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
+    } else {
+      store_row(reinterpret_cast<const float*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
+    }
+  }
+}
+
 
 constexpr const char* kInterp3Doc = R"doc(
 interp3(volume, xq, yq, zq, method="linear", fill_value=nan)
@@ -481,4 +996,22 @@ PYBIND11_MODULE(_core, m) {
   m.def("interp3", &interp3, py::arg("volume"), py::arg("xq"), py::arg("yq"), py::arg("zq"),
         py::arg("method") = "linear",
         py::arg("fill_value") = std::numeric_limits<double>::quiet_NaN(), kInterp3Doc + 1);
+  m.def("_affine_resample", &affine_resample, py::arg("volume"), py::arg("matrix"),
+        py::arg("offset"), py::arg("method"), py::arg("mode"), py::arg("fill_value"),
+        py::arg("output"),
+        "_affine_resample(volume, matrix, offset, method, mode, fill_value, output)\n\n"
+        "Fills `output` (at most 3-D, any real dtype) with `volume` (3-D, (nz, ny, nx), last\n"
+        "axis contiguous) resampled at the library coordinates of the affine formula:\n"
+        "matrix (3, 3) and offset (3,) in float64, row d giving grid dimension d (x, y, z),\n"
+        "column j the output index term j (padded with leading zero terms). The output's\n"
+        "rows follow the row layout of its shape. mode is 'constant' or 'nearest'.");
+  m.def("_affine_coordinates", &affine_coordinates, py::arg("extents"), py::arg("matrix"),
+        py::arg("offset"), py::arg("mode"), py::arg("start"), py::arg("stop"),
+        py::arg("double"),
+        "_affine_coordinates(extents, matrix, offset, mode, start, stop, double)\n\n"
+        "The library coordinates (xq, yq, zq) of the box [start, stop) of output indices,\n"
+        "for a grid of extents (nx, ny, nz): the same bits _affine_resample computes.");
+  m.def("_cast_into", &cast_into, py::arg("values"), py::arg("output"),
+        "_cast_into(values, output)\n\nStores float32/float64 values into output with the\n"
+        "rounding and saturation rules of integer outputs.");
 }
