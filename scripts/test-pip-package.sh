@@ -4,9 +4,10 @@
 # `pip install --no-build-isolation .` (offline: --no-index), then, from a
 # folder outside the checkout and without PYTHONPATH or LD_LIBRARY_PATH:
 # import it from the venv, check that the extension resolves both shared
-# libraries inside the package, run a small exact call and the pytest suite
-# of python/tests against it. Then `pip wheel` once and check the wheel's
-# contents. Safe to run again; writes only under the build directory.
+# libraries inside the package, run a small exact call, the pytest suite of
+# python/tests and the example examples/reslice_mri.py against it. Then
+# `pip wheel` once and check the wheel's contents. Safe to run again; writes
+# only under the build directory.
 #   QZINTERP3D_BUILD_DIR   the build directory (default ./build)
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -40,6 +41,7 @@ outside=$(mktemp -d)
 trap 'rm -rf "$outside"' EXIT
 (cd "$outside" && "$venv/bin/python" -P "$root/scripts/check_pip_package.py" installed "$venv" "$root")
 (cd "$outside" && "$venv/bin/python" -P -m pytest -q -p no:cacheprovider "$root/python/tests")
+(cd "$outside" && "$venv/bin/python" -P "$root/examples/reslice_mri.py" "$outside/reslice_mri.png")
 
 (cd "$root" && "${pip[@]}" wheel --no-build-isolation --no-index --no-deps -w "$wheels" .)
 wheel=$(ls "$wheels"/qzinterp3d-*.whl)
