@@ -24,6 +24,13 @@ point input only). Ours and the stream take the 1-based coordinates as they
 are. Run with Debian's interpreter:
 
     /usr/bin/python3 bench/compare.py [--kernels all] [--quick]
+
+With --api it compares instead the scipy-style calls of the Python package,
+qzinterp3d.map_coordinates and affine_transform, with scipy.ndimage's and
+with torch's affine_grid + grid_sample, speed and peak memory, each call in
+a process of its own (see bench/README.md):
+
+    /usr/bin/python3 bench/compare.py --api --build build-bench [--quick]
 """
 
 import argparse
@@ -425,6 +432,13 @@ def parse_args():
     ap.add_argument("--no-scipy", action="store_true")
     ap.add_argument("--json", default=None, help="also write the raw results here")
     ap.add_argument("--child", default=None, help=argparse.SUPPRESS)  # one thread count, JSON here
+    ap.add_argument("--api", action="store_true",
+                    help="compare qzinterp3d.map_coordinates and affine_transform (the package from "
+                         "<build>/python, else the installed one) with scipy.ndimage and torch, "
+                         "speed and peak memory")
+    ap.add_argument("--api-child-case", type=int, default=None, help=argparse.SUPPRESS)
+    ap.add_argument("--api-child-impl", default=None, help=argparse.SUPPRESS)
+    ap.add_argument("--api-check", action="store_true", help=argparse.SUPPRESS)
     return ap.parse_args()
 
 
@@ -578,10 +592,314 @@ def print_tables(args, impl_names, cases, results, checks, kernels):
               + f" | {tols} |")
 
 
+# --------------------------------------------------------------------------
+# The scipy-style calls: qzinterp3d.map_coordinates and affine_transform
+# against scipy.ndimage and torch's affine_grid + grid_sample (--api)
+#
+# Every measurement is a fresh process, so that a call's peak memory can be
+# read: ru_maxrss after its first call minus ru_maxrss before it, the inputs
+# (volume, and coordinates or grid where the call takes them) being in place
+# and the output allocated by the call. The time is that of a second call.
+# Repetitions interleave: each runs every implementation once, the order
+# rotating.
+
+API_N = 256  # input volume n^3, float32
+API_IMPLS = ("ours", "scipy", "torch")
+
+
+class ApiCase:
+    def __init__(self, call, order, out_shape):
+        self.call, self.order, self.out_shape = call, order, tuple(out_shape)
+
+    @property
+    def points(self):
+        return int(np.prod(self.out_shape))
+
+    @property
+    def name(self):
+        method = "linear" if self.order == 1 else "nearest"
+        return f"{self.call} {API_N}^3 -> {'x'.join(map(str, self.out_shape))} float32 {method}"
+
+
+def api_cases(quick):
+    cases = [ApiCase("map_coordinates", 1, (64, 512, 512)),
+             ApiCase("map_coordinates", 0, (64, 512, 512)),
+             ApiCase("affine_transform", 1, (API_N,) * 3),
+             ApiCase("affine_transform", 0, (API_N,) * 3)]
+    if not quick:
+        cases.append(ApiCase("affine_transform", 1, (256, 1024, 1024)))
+    return cases
+
+
+def api_affine(out_shape):
+    """Output index -> input coordinate (0-based, numpy axis order): a turn
+    about two axes around the centres, scaled so the output spans 0.8 of the
+    input along each axis. Returns (matrix, offset) in float64."""
+    a, b = np.radians(20.0), np.radians(35.0)
+    turn_a = np.array([[1, 0, 0], [0, np.cos(a), -np.sin(a)], [0, np.sin(a), np.cos(a)]])
+    turn_b = np.array([[np.cos(b), -np.sin(b), 0], [np.sin(b), np.cos(b), 0], [0, 0, 1]])
+    scale = np.diag([0.8 * (API_N - 1) / max(s - 1, 1) for s in out_shape])
+    matrix = turn_b @ turn_a @ scale
+    centre_in = np.full(3, (API_N - 1) / 2)
+    centre_out = (np.array(out_shape) - 1) / 2
+    return matrix, centre_in - matrix @ centre_out
+
+
+def api_coordinates(case, matrix, offset, dtype=np.float64, torch_grid=False):
+    """The affine's coordinates of every output point, plane by plane (no
+    temporary as large as the result): scipy's (3, *shape) array, or torch's
+    normalized grid (1, *shape, 3) with x (the last axis) first."""
+    shape = case.out_shape
+    if torch_grid:
+        out = np.empty((1, *shape, 3), dtype)
+    else:
+        out = np.empty((3, *shape), dtype)
+    o1, o2 = np.meshgrid(np.arange(shape[1], dtype=np.float64), np.arange(shape[2], dtype=np.float64),
+                         indexing="ij")
+    for o0 in range(shape[0]):
+        for axis in range(3):
+            c = (matrix[axis, 0] * o0 + matrix[axis, 1] * o1) + matrix[axis, 2] * o2 + offset[axis]
+            if torch_grid:
+                out[0, o0, :, :, 2 - axis] = c / (API_N - 1) * 2 - 1
+            else:
+                out[axis, o0] = c
+    return out
+
+
+def torch_theta(matrix, offset, out_shape):
+    """affine_grid's theta (align_corners=True) for the same affine: both sides
+    normalized to [-1, 1], axes in x, y, z order."""
+    flip = np.eye(3)[::-1]
+    m = flip @ matrix @ flip
+    t = flip @ offset
+    to_norm_in = np.diag([2.0 / (API_N - 1)] * 3)
+    from_norm_out = np.diag([(s - 1) / 2.0 for s in out_shape[::-1]])
+    a = to_norm_in @ m @ from_norm_out
+    b = a @ np.ones(3) + to_norm_in @ t - 1
+    return np.hstack([a, b[:, None]])[None].astype(np.float32)
+
+
+def import_ours(build):
+    package = Path(build) / "python"
+    if (package / "qzinterp3d").is_dir():
+        sys.path.insert(0, str(package))
+    import qzinterp3d
+    return qzinterp3d
+
+
+def resident_mib():
+    with open("/proc/self/statm") as f:
+        return int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") / 2**20
+
+
+def max_resident_mib():
+    import resource
+    return resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024
+
+
+def run_api_child(args):
+    """One call of one implementation on one case; prints a JSON line."""
+    case = api_cases(False)[args.api_child_case]
+    impl = args.api_child_impl
+    threads = int(os.environ["HL_NUM_THREADS"])
+    import scipy.ndimage as ndi
+    if impl == "ours":
+        qz = import_ours(args.build)
+    elif impl == "torch":
+        import torch
+        import torch.nn.functional as F
+        torch.set_num_threads(threads)
+    V = make_volume("float32", API_N)
+    matrix, offset = api_affine(case.out_shape)
+    homogeneous = np.eye(4)
+    homogeneous[:3, :3], homogeneous[:3, 3] = matrix, offset
+
+    if case.call == "map_coordinates":
+        if impl == "torch":
+            Vt = torch.from_numpy(V).view(1, 1, *V.shape)
+            grid = torch.from_numpy(api_coordinates(case, matrix, offset, np.float32, torch_grid=True))
+        else:
+            coords = api_coordinates(case, matrix, offset)
+    elif impl == "torch":
+        Vt = torch.from_numpy(V).view(1, 1, *V.shape)
+        theta = torch.from_numpy(torch_theta(matrix, offset, case.out_shape))
+
+    def call():
+        if impl == "ours":
+            if case.call == "map_coordinates":
+                return qz.map_coordinates(V, coords, order=case.order, mode="constant", cval=FILL)
+            return qz.affine_transform(V, homogeneous, output_shape=case.out_shape, order=case.order,
+                                       mode="constant", cval=FILL)
+        if impl == "scipy":
+            if case.call == "map_coordinates":
+                return ndi.map_coordinates(V, coords, order=case.order, mode="constant", cval=FILL,
+                                           prefilter=False)
+            return ndi.affine_transform(V, homogeneous, output_shape=case.out_shape, order=case.order,
+                                        mode="constant", cval=FILL, prefilter=False)
+        mode = "nearest" if case.order == 0 else "bilinear"
+        with torch.inference_mode():
+            g = grid if case.call == "map_coordinates" else F.affine_grid(
+                theta, (1, 1, *case.out_shape), align_corners=True)
+            return F.grid_sample(Vt, g, mode=mode, padding_mode="zeros", align_corners=True)
+
+    # Everything the call reads is in place; the high-water mark should be
+    # what is resident now (preparation made no larger temporaries).
+    before, resident = max_resident_mib(), resident_mib()
+    t0 = time.perf_counter()
+    out = call()
+    first = time.perf_counter() - t0
+    peak = max_resident_mib() - before
+    # The time is a second call's: the first also pays for starting thread
+    # pools and faulting in pages that later calls reuse.
+    del out
+    t0 = time.perf_counter()
+    out = call()
+    seconds = time.perf_counter() - t0
+    result = {"seconds": seconds, "first_seconds": first, "peak_mib": peak,
+              "slack_mib": before - resident}
+    if args.api_check:
+        out = np.asarray(out).reshape(case.out_shape)
+        result["check"] = api_check(case, V, matrix, offset, out, impl, ndi)
+        if impl == "ours":
+            result["digest"] = hashlib.sha256(out.tobytes()).hexdigest()
+    print(json.dumps(result))
+    return 0
+
+
+def api_check(case, V, matrix, offset, out, impl, ndi):
+    """Max |difference| against a float64 reference at 200000 sampled output
+    points whose coordinates lie strictly inside (and, for nearest, at least
+    1e-3 from a .5 tie); (difference, tolerance, points)."""
+    rng = np.random.default_rng(7)
+    idx = np.stack([rng.integers(0, s, 200000) for s in case.out_shape]).astype(np.float64)
+    c = matrix @ idx + offset[:, None]
+    margin = 1e-3
+    mask = np.all((c > margin) & (c < API_N - 1 - margin), axis=0)
+    if case.order == 0:
+        frac = c - np.floor(c)
+        mask &= np.all(np.abs(frac - 0.5) > margin, axis=0)
+    ref = ndi.map_coordinates(V, c[:, mask], output=np.float64, order=case.order, mode="constant",
+                              cval=FILL, prefilter=False)
+    got = out[tuple(idx[:, mask].astype(np.int64))].astype(np.float64)
+    if case.order == 0:
+        tol = 0.0
+    else:
+        eps = float(np.finfo(np.float32).eps)
+        tol = 16 * eps * float(np.abs(V).max())
+        # Coordinates rounded to float32 move a point by up to n eps / 2 voxels
+        # per axis (ours rounds scipy's float64 coordinates once); torch's
+        # normalized grid by up to about 4 n eps.
+        if impl == "ours":
+            tol += 3 * API_N * eps * float(V.max() - V.min())
+        if impl == "torch":
+            tol += 3 * 4 * API_N * eps * float(V.max() - V.min())
+    diff = float(np.max(np.abs(got - ref))) if got.size else 0.0
+    return [diff, tol, int(mask.sum())]
+
+
+def run_api(args):
+    cpus = len(os.sched_getaffinity(0))
+    threads = sorted({int(t) for t in args.threads.split(",")} if args.threads else {1, cpus})
+    cases = api_cases(args.quick)
+    if args.filter:
+        cases = [c for c in cases if re.search(args.filter, c.name)]
+    impls = [i for i in API_IMPLS if not (i == "torch" and args.no_torch)
+             and not (i == "scipy" and args.no_scipy)]
+    model, simd = machine_info()
+    # Asked of another process: this one stays small, since a child's
+    # ru_maxrss starts from its parent's high-water mark.
+    probe = ("import platform, sys, numpy, scipy; sys.path.insert(0, sys.argv[1]); import qzinterp3d; "
+             "print(qzinterp3d.__file__); print(f'python {platform.python_version()}, numpy "
+             "{numpy.__version__}, scipy {scipy.__version__}', end='')")
+    if "torch" in impls:
+        probe += "; import torch; print(f', torch {torch.__version__}', end='')"
+    ours_from, versions = subprocess.run(
+        [sys.executable, "-c", probe, str(Path(args.build) / "python")], check=True,
+        capture_output=True, text=True).stdout.split("\n", 1)
+    load_before = open("/proc/loadavg").read().split()[:3]
+    print(f"# compare.py --api  {datetime.datetime.now().isoformat(timespec='seconds')}")
+    print(f"# git {git_state()}; qzinterp3d from {ours_from}")
+    print(f"# cpu {model}; simd {' '.join(simd)}; cpus usable {cpus}; threads {threads} "
+          "(ours: HL_NUM_THREADS; torch: torch.set_num_threads; scipy: one thread)")
+    print(f"# {versions}")
+    print(f"# reps {args.reps} (the largest output: {min(args.reps, 3)}), one process per call; "
+          f"loadavg before {' '.join(load_before)}", flush=True)
+
+    rows, checks, digests = [], {}, {}
+    here = str(Path(__file__).resolve())
+    for t in sorted(threads, reverse=True):
+        env = dict(os.environ, HL_NUM_THREADS=str(t))
+        for case in cases:
+            index = [c.name for c in api_cases(False)].index(case.name)
+            reps = min(args.reps, 3) if case.points > 10**8 else args.reps
+            samples = {i: [] for i in impls}
+            for r in range(reps):
+                for impl in impls[r % len(impls):] + impls[:r % len(impls)]:
+                    cmd = [sys.executable, here, "--build", args.build, "--api-child-case", str(index),
+                           "--api-child-impl", impl] + ["--api-check"] * (r == 0)
+                    run = subprocess.run(cmd, env=env, capture_output=True, text=True)
+                    if run.returncode != 0:
+                        sys.exit(f"compare.py: {impl} on {case.name} failed:\n{run.stderr}")
+                    data = json.loads(run.stdout.strip().splitlines()[-1])
+                    samples[impl].append(data)
+                    if r == 0:
+                        diff, tol, npts = data["check"]
+                        checks[(case.name, impl, t)] = data["check"]
+                        if not diff <= tol:
+                            sys.exit(f"compare.py: {impl} on {case.name} differs from the float64 "
+                                     f"reference by {diff:.3g} (tolerance {tol:.3g}, {npts} points)")
+                        if impl == "ours":
+                            if digests.setdefault(case.name, data["digest"]) != data["digest"]:
+                                sys.exit(f"compare.py: ours gives different bits at {t} threads: {case.name}")
+            print(f"# done {case.name} threads={t}", file=sys.stderr, flush=True)
+            rows.append((case, t, {i: (statistics.median(s["seconds"] for s in samples[i]),
+                                       max(s["peak_mib"] for s in samples[i]),
+                                       max(s["slack_mib"] for s in samples[i])) for i in impls}))
+    load_after = open("/proc/loadavg").read().split()[:3]
+    print(f"# loadavg after {' '.join(load_after)}")
+    print()
+    print_api_table(cases, impls, rows, checks)
+    return 0
+
+
+def print_api_table(cases, impls, rows, checks):
+    print("Million output points per second (median over repetitions, each a fresh process timing "
+          "its second call; higher is better) and peak memory of the call in MiB (ru_maxrss after "
+          "the first call minus before; inputs already in place, the output allocated by the call).")
+    print()
+    head = ["call", "thr"] + impls + [f"ours/{i}" for i in impls if i != "ours"] + \
+        [f"MiB {i}" for i in impls]
+    print("| " + " | ".join(head) + " |")
+    print("|" + "|".join(["---"] + ["--:"] * (len(head) - 1)) + "|")
+    for case, t, m in sorted(rows, key=lambda r: (cases.index(r[0]), r[1])):
+        rate = {i: case.points / m[i][0] / 1e6 for i in impls}
+        row = [case.name, str(t)] + [fmt_rate(rate[i]) for i in impls]
+        row += [f"{rate['ours'] / rate[i]:.1f}" for i in impls if i != "ours"]
+        row += [f"{m[i][1]:.0f}" for i in impls]
+        print("| " + " | ".join(row) + " |")
+    print()
+    slack = max(v[2] for _, _, m in rows for v in m.values())
+    print(f"Largest gap between the high-water mark and the resident memory before a call: "
+          f"{slack:.0f} MiB (the peak figures are exact when it is small).")
+    print()
+    print("Agreement with a float64 reference (scipy.ndimage.map_coordinates in double) at up to "
+          "200000 sampled interior output points: max |difference| (tolerance).")
+    print()
+    print("| call | thr | " + " | ".join(impls) + " |")
+    print("|---|--:|" + "--:|" * len(impls))
+    for case, t, _ in sorted(rows, key=lambda r: (cases.index(r[0]), r[1])):
+        cells = [f"{checks[(case.name, i, t)][0]:.3g} ({checks[(case.name, i, t)][1]:.2g})" for i in impls]
+        print(f"| {case.name} | {t} | " + " | ".join(cells) + " |")
+
+
 def main():
     args = parse_args()
     if args.child:
         return run_child(args)
+    if args.api_child_case is not None:
+        return run_api_child(args)
+    if args.api:
+        return run_api(args)
 
     p = paths(args)
     cpus = len(os.sched_getaffinity(0))
