@@ -200,24 +200,34 @@ def _check_output_dtype(dtype):
         )
 
 
+def _axes_argument(prepared):
+    return [-1 if axis is None else axis for axis in prepared.axes]
+
+
 def _library_coordinates(prepared, coordinates, mode):
-    """The library's 1-based coordinates (xq, yq, zq) for scipy's 0-based
-    ``coordinates`` (shape (ndim, ...)): per point and axis, the float64
-    value c (NaN stays NaN), clamped to [0, n - 1] for mode 'nearest', plus
-    1, rounded once to the coordinate dtype. Added axes get 1."""
-    coord_dtype = prepared.coord_dtype
-    shape = coordinates.shape[1:]
-    result = []
-    for d, axis in enumerate(prepared.axes):
-        if axis is None:
-            result.append(np.ones(shape, coord_dtype))
-            continue
-        c = np.array(coordinates[axis], dtype=np.float64)
-        if mode == "nearest":
-            np.clip(c, 0.0, float(prepared.extents[d] - 1), out=c)
-        c += 1.0
-        result.append(c.astype(coord_dtype))
-    return tuple(result)
+    """The library's 1-based coordinates (xq, yq, zq), each of shape
+    coordinates.shape[1:], for scipy's 0-based ``coordinates`` (shape
+    (ndim, ...)): per point and axis, the float64 value c (NaN stays NaN),
+    clamped to [0, n - 1] for mode 'nearest', plus 1, rounded once to the
+    coordinate dtype (``qzinterp3d::library_coordinate``). Added axes get 1.
+    ``map_coordinates`` forms exactly these values, a tile at a time."""
+    coords = _coordinate_array(coordinates)
+    shape = coords.shape[1:]
+    if len(shape) > 3:
+        coords = coords.reshape(coords.shape[0], -1, shape[-1])
+    xyz = _core._library_coordinates(coords, _axes_argument(prepared), list(prepared.extents),
+                                     mode, prepared.coord_dtype == np.float64)
+    return tuple(q.reshape(shape) for q in xyz)
+
+
+def _coordinate_array(coordinates):
+    """float32 and float64 coordinates as they are (aligned, native); other
+    real dtypes converted to float64 (a copy)."""
+    if coordinates.dtype in (np.dtype(np.float32), np.dtype(np.float64)):
+        itemsize = coordinates.itemsize
+        if coordinates.ctypes.data % itemsize == 0 and all(s % itemsize == 0 for s in coordinates.strides):
+            return coordinates
+    return coordinates.astype(np.float64)
 
 
 def _check_coordinates(coordinates, ndim):
@@ -229,11 +239,6 @@ def _check_coordinates(coordinates, ndim):
             f"coordinates must have shape (input.ndim, ...) = ({ndim}, ...), got {array.shape}"
         )
     return array
-
-
-def _store(values, output):
-    """Puts the library's values (float32 or float64) into ``output``."""
-    _core._cast_into(values, output)
 
 
 def map_coordinates(input, coordinates, output=None, order=1, mode="constant", cval=0.0,
@@ -287,13 +292,31 @@ def map_coordinates(input, coordinates, output=None, order=1, mode="constant", c
     fill = _check_cval(cval)
     prepared = _prepare_input(input)
     coords = _check_coordinates(coordinates, prepared.ndim)
-    out, given = _output_array(output, coords.shape[1:], prepared.dtype)
-    xq, yq, zq = _library_coordinates(prepared, coords, mode)
-    values = _core.interp3(prepared.volume, xq, yq, zq, method, fill)
-    if not given and out.dtype == values.dtype:
-        return values
-    _store(values, out)
+    shape = coords.shape[1:]
+    out, _ = _output_array(output, shape, prepared.dtype)
+    coords = _coordinate_array(coords)
+    target = out
+    if len(shape) > 3:
+        # Rows are the last axis at every index of the leading ones, in C
+        # order, whatever the number of axes: fold the leading ones into one.
+        coords = coords.reshape(coords.shape[0], -1, shape[-1])
+        target = _folded_view(out, shape)
+    _core._map_resample(prepared.volume, coords, _axes_argument(prepared), method, mode, fill,
+                        target)
+    if target is not out and not np.shares_memory(target, out):
+        out[...] = target.reshape(shape)
     return out
+
+
+def _folded_view(out, shape):
+    """``out`` as (rows, shape[-1]) without a copy if possible, else a new
+    array of that shape (copied back afterwards)."""
+    view = out.view()
+    try:
+        view.shape = (-1, shape[-1])
+        return view
+    except AttributeError:
+        return np.empty((view.size // max(shape[-1], 1), shape[-1]), out.dtype)
 
 
 def _affine_map(prepared, matrix, offset, output_ndim):
