@@ -123,3 +123,15 @@ def test_affine_output_of_another_shape_is_refused_untouched():
     with pytest.raises(ValueError, match=r"^output has shape \(1, 2, 6\), expected \(2, 2, 6\)"):
         qz.affine_transform(VOLUME, np.eye(3), output_shape=(2, 2, 6), output=output)
     assert np.all(output == SENTINEL)
+
+
+def test_output_sharing_memory_with_an_input_is_refused_untouched():
+    volume = np.full((2, 3, 6), SENTINEL, np.float32)
+    with pytest.raises(ValueError, match=r"^output shares memory with input"):
+        qz.affine_transform(volume, np.eye(3), output=volume)
+    with pytest.raises(ValueError, match=r"^output shares memory with input"):
+        qz.map_coordinates(volume, np.ones((3, 3, 6)), output=volume[0])
+    coords = np.full((3, 2, 6), SENTINEL)
+    with pytest.raises(ValueError, match=r"^output shares memory with coordinates"):
+        qz.map_coordinates(VOLUME, coords, output=coords[0])
+    assert np.all(volume == SENTINEL) and np.all(coords == SENTINEL)
