@@ -438,14 +438,23 @@ struct affine_map {
   double offset[3] = {0, 0, 0};
 };
 
+// The library's 1-based coordinate for the 0-based position c along an axis
+// of n samples (last = n - 1): c clamped to [0, last] for boundary::nearest
+// (a NaN stays NaN), plus 1, in double, rounded once to C.
+template <class C>
+C library_coordinate(double c, double last, boundary mode) {
+  static_assert(std::is_same_v<C, float> || std::is_same_v<C, double>,
+                "coordinates are float or double");
+  if (mode == boundary::nearest) c = c < 0.0 ? 0.0 : (c > last ? last : c);
+  return static_cast<C>(c + 1.0);
+}
+
 // The library coordinates (1-based, along grid dimensions 0, 1, 2) of the
 // `count` output points o, o + (0, 0, 1), ..., o + (0, 0, count - 1), for a
 // grid of extents n[0..2]; written to xq[i], yq[i], zq[i].
 template <class C>
 void affine_row(const affine_map& map, const int32_t n[3], boundary mode, const int64_t o[3],
                 int64_t count, C* xq, C* yq, C* zq) {
-  static_assert(std::is_same_v<C, float> || std::is_same_v<C, double>,
-                "coordinates are float or double");
   C* const out[3] = {xq, yq, zq};
   for (int d = 0; d < 3; ++d) {
     const double* m = map.matrix[d];
@@ -454,17 +463,9 @@ void affine_row(const affine_map& map, const int32_t n[3], boundary mode, const 
     const double inner = m[2], offset = map.offset[d];
     const double last = static_cast<double>(n[d] - 1);
     C* q = out[d];
-    if (mode == boundary::nearest) {
-      for (int64_t i = 0; i < count; ++i) {
-        double c = (outer + inner * static_cast<double>(o[2] + i)) + offset;
-        c = c < 0.0 ? 0.0 : (c > last ? last : c);
-        q[i] = static_cast<C>(c + 1.0);
-      }
-    } else {
-      for (int64_t i = 0; i < count; ++i) {
-        const double c = (outer + inner * static_cast<double>(o[2] + i)) + offset;
-        q[i] = static_cast<C>(c + 1.0);
-      }
+    for (int64_t i = 0; i < count; ++i) {
+      const double c = (outer + inner * static_cast<double>(o[2] + i)) + offset;
+      q[i] = library_coordinate<C>(c, last, mode);
     }
   }
 }

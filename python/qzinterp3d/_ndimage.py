@@ -166,19 +166,23 @@ def _check_cval(cval):
     return float(cval)
 
 
-def _output_array(output, shape, default_dtype):
+def _output_array(output, shape, default_dtype, inputs=()):
     """scipy's rule: None gives an array of the input's dtype, a dtype an
-    array of that dtype, an array is filled. Returns (array, given)."""
+    array of that dtype, an array is filled (it may not share memory with
+    ``inputs``, which are read while it is written)."""
     shape = tuple(shape)
     if isinstance(output, np.ndarray):
         if output.shape != shape:
             raise ValueError(f"output has shape {output.shape}, expected {shape}")
+        for name, array in inputs:
+            if np.may_share_memory(output, array):
+                raise ValueError(f"output shares memory with {name}; pass a separate array")
         _check_output_dtype(output.dtype)
         if not output.flags.writeable:
             raise ValueError("output is read-only")
         if output.ctypes.data % output.itemsize or any(s % output.itemsize for s in output.strides):
             raise ValueError("output is not aligned to its elements")
-        return output, True
+        return output
     if output is None:
         dtype = default_dtype
     else:
@@ -189,7 +193,7 @@ def _output_array(output, shape, default_dtype):
                 f"output must be None, a dtype or a numpy.ndarray, got {type(output).__name__}"
             ) from None
     _check_output_dtype(dtype)
-    return np.empty(shape, dtype), False
+    return np.empty(shape, dtype)
 
 
 def _check_output_dtype(dtype):
@@ -200,24 +204,34 @@ def _check_output_dtype(dtype):
         )
 
 
+def _axes_argument(prepared):
+    return [-1 if axis is None else axis for axis in prepared.axes]
+
+
 def _library_coordinates(prepared, coordinates, mode):
-    """The library's 1-based coordinates (xq, yq, zq) for scipy's 0-based
-    ``coordinates`` (shape (ndim, ...)): per point and axis, the float64
-    value c (NaN stays NaN), clamped to [0, n - 1] for mode 'nearest', plus
-    1, rounded once to the coordinate dtype. Added axes get 1."""
-    coord_dtype = prepared.coord_dtype
-    shape = coordinates.shape[1:]
-    result = []
-    for d, axis in enumerate(prepared.axes):
-        if axis is None:
-            result.append(np.ones(shape, coord_dtype))
-            continue
-        c = np.array(coordinates[axis], dtype=np.float64)
-        if mode == "nearest":
-            np.clip(c, 0.0, float(prepared.extents[d] - 1), out=c)
-        c += 1.0
-        result.append(c.astype(coord_dtype))
-    return tuple(result)
+    """The library's 1-based coordinates (xq, yq, zq), each of shape
+    coordinates.shape[1:], for scipy's 0-based ``coordinates`` (shape
+    (ndim, ...)): per point and axis, the float64 value c (NaN stays NaN),
+    clamped to [0, n - 1] for mode 'nearest', plus 1, rounded once to the
+    coordinate dtype (``qzinterp3d::library_coordinate``). Added axes get 1.
+    ``map_coordinates`` forms exactly these values, a tile at a time."""
+    coords = _coordinate_array(coordinates)
+    shape = coords.shape[1:]
+    if len(shape) > 3:
+        coords = coords.reshape(coords.shape[0], -1, shape[-1])
+    xyz = _core._library_coordinates(coords, _axes_argument(prepared), list(prepared.extents),
+                                     mode, prepared.coord_dtype == np.float64)
+    return tuple(q.reshape(shape) for q in xyz)
+
+
+def _coordinate_array(coordinates):
+    """float32 and float64 coordinates as they are (aligned, native); other
+    real dtypes converted to float64 (a copy)."""
+    if coordinates.dtype in (np.dtype(np.float32), np.dtype(np.float64)):
+        itemsize = coordinates.itemsize
+        if coordinates.ctypes.data % itemsize == 0 and all(s % itemsize == 0 for s in coordinates.strides):
+            return coordinates
+    return coordinates.astype(np.float64)
 
 
 def _check_coordinates(coordinates, ndim):
@@ -229,11 +243,6 @@ def _check_coordinates(coordinates, ndim):
             f"coordinates must have shape (input.ndim, ...) = ({ndim}, ...), got {array.shape}"
         )
     return array
-
-
-def _store(values, output):
-    """Puts the library's values (float32 or float64) into ``output``."""
-    _core._cast_into(values, output)
 
 
 def map_coordinates(input, coordinates, output=None, order=1, mode="constant", cval=0.0,
@@ -287,13 +296,32 @@ def map_coordinates(input, coordinates, output=None, order=1, mode="constant", c
     fill = _check_cval(cval)
     prepared = _prepare_input(input)
     coords = _check_coordinates(coordinates, prepared.ndim)
-    out, given = _output_array(output, coords.shape[1:], prepared.dtype)
-    xq, yq, zq = _library_coordinates(prepared, coords, mode)
-    values = _core.interp3(prepared.volume, xq, yq, zq, method, fill)
-    if not given and out.dtype == values.dtype:
-        return values
-    _store(values, out)
+    shape = coords.shape[1:]
+    out = _output_array(output, shape, prepared.dtype,
+                        [("input", prepared.volume), ("coordinates", coords)])
+    coords = _coordinate_array(coords)
+    target = out
+    if len(shape) > 3:
+        # Rows are the last axis at every index of the leading ones, in C
+        # order, whatever the number of axes: fold the leading ones into one.
+        coords = coords.reshape(coords.shape[0], -1, shape[-1])
+        target = _folded(out, shape[-1])
+    _core._map_resample(prepared.volume, coords, _axes_argument(prepared), method, mode, fill,
+                        target)
+    if target.base is not out and target is not out:  # computed into a separate array
+        out[...] = target.reshape(shape)
     return out
+
+
+def _folded(out, row_length):
+    """``out`` as (rows, row_length): a view when its memory allows it, else
+    a new array of its dtype (copied back afterwards)."""
+    view = out.view()
+    try:
+        view.shape = (-1, row_length)
+        return view
+    except AttributeError:
+        return np.empty((out.size // max(row_length, 1), row_length), out.dtype)
 
 
 def _affine_map(prepared, matrix, offset, output_ndim):
@@ -409,7 +437,7 @@ def affine_transform(input, matrix, offset=0.0, output_shape=None, output=None, 
     prepared = _prepare_input(input)
     shape = _check_output_shape(output_shape, output, np.shape(input))
     m, off = _check_matrix(matrix, offset, prepared.ndim, shape)
-    out, _ = _output_array(output, shape, prepared.dtype)
+    out = _output_array(output, shape, prepared.dtype, [("input", prepared.volume)])
     m3, o3 = _affine_map(prepared, m, off, len(shape))
     _core._affine_resample(prepared.volume, m3, o3, method, mode, fill, out)
     return out

@@ -1,14 +1,20 @@
 // qzinterp3d._core: the numpy front end of libqzinterp3d_halide.
 //
-// One function, interp3(volume, xq, yq, zq, method, fill_value), which checks
-// its arguments, describes the caller's numpy memory in halide_buffer_t
-// descriptors (no copy of any input), sizes the call through the library's
-// bounds query and runs the pipeline with the GIL released.
+// interp3(volume, xq, yq, zq, method, fill_value) checks its arguments,
+// describes the caller's numpy memory in halide_buffer_t descriptors (no copy
+// of any input), sizes the call through the library's bounds query and runs
+// the pipeline with the GIL released. The one case that copies: when the
+// library asks for a wider coordinate and output region than the caller's
+// arrays cover (a grid wider than one block of 16 bytes of samples with rows
+// narrower than that block), the rows are computed through a padded scratch
+// copy, a slab of rows at a time.
 //
-// The one case that copies: when the library asks for a wider coordinate and
-// output region than the caller's arrays cover (a grid wider than one block of
-// 16 bytes of samples with rows narrower than that block), the rows are
-// computed through a padded scratch copy, a slab of rows at a time.
+// The resampling functions behind qzinterp3d.map_coordinates and
+// affine_transform (_map_resample, _affine_resample) generate the library's
+// coordinates themselves, from scipy-style coordinates or the affine
+// formula, a tile of whole output rows at a time into bounded scratch, the
+// tiles running on the Halide runtime's thread pool; they store the values
+// into an output of any real dtype the way scipy.ndimage stores its own.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -694,13 +700,62 @@ std::vector<Tile> tiles_of(const Layout& l, int64_t points) {
 }
 
 // Where an affine call's points come from and where its values go.
-template <class Coord>
-struct AffineJob {
-  using coord_type = Coord;
-  Call call;
+// Where the coordinates of an output row come from: the affine formula.
+struct AffineSource {
   qzinterp3d::affine_map map;
   qzinterp3d::boundary mode;
   int32_t n[3];
+
+  template <class Coord>
+  void operator()(const int64_t o[3], int64_t count, Coord* x, Coord* y, Coord* z) const {
+    qzinterp3d::affine_row<Coord>(map, n, mode, o, count, x, y, z);
+  }
+};
+
+// ... or an array of scipy's 0-based coordinates, shape (ndim, *S), float32
+// or float64, any strides: the row of library dimension d is read from the
+// coordinate array's row axes[d] (an added axis, -1, gets 1).
+struct ArraySource {
+  const char* data;
+  bool f64;
+  int axes[3];
+  int64_t axis_stride;   // bytes between the coordinate array's rows
+  int64_t strides[3];    // bytes per step of o[0], o[1], o[2] (row layout of S)
+  qzinterp3d::boundary mode;
+  int32_t n[3];
+
+  template <class Coord>
+  void operator()(const int64_t o[3], int64_t count, Coord* x, Coord* y, Coord* z) const {
+    Coord* const out[3] = {x, y, z};
+    const int64_t base = o[0] * strides[0] + o[1] * strides[1] + o[2] * strides[2];
+    for (int d = 0; d < 3; ++d) {
+      Coord* q = out[d];
+      if (axes[d] < 0) {
+        std::fill(q, q + count, Coord(1));
+        continue;
+      }
+      const char* p = data + axes[d] * axis_stride + base;
+      const double last = static_cast<double>(n[d] - 1);
+      for (int64_t i = 0; i < count; ++i, p += strides[2]) {
+        double c;
+        if (f64) {
+          std::memcpy(&c, p, sizeof c);
+        } else {
+          float f;
+          std::memcpy(&f, p, sizeof f);
+          c = f;
+        }
+        q[i] = qzinterp3d::library_coordinate<Coord>(c, last, mode);
+      }
+    }
+  }
+};
+
+template <class Coord, class Source>
+struct ResampleJob {
+  using coord_type = Coord;
+  Call call;
+  Source source;
   Layout layout;
   char* output;
   OutputSpec spec;
@@ -725,7 +780,7 @@ struct AffineJob {
       layout.start(t.first_row + r, o);
       o[2] += t.col;
       const size_t at = static_cast<size_t>(r) * width + static_cast<size_t>(lead);
-      qzinterp3d::affine_row<Coord>(map, n, mode, o, t.cols, xs + at, ys + at, zs + at);
+      source(o, t.cols, xs + at, ys + at, zs + at);
     }
     int64_t o0[3];
     layout.start(t.first_row, o0);
@@ -765,7 +820,7 @@ struct AffineJob {
     }
   }
   static int task(void*, int, uint8_t* closure) {
-    return reinterpret_cast<AffineJob*>(closure)->work();
+    return reinterpret_cast<ResampleJob*>(closure)->work();
   }
 };
 
@@ -774,8 +829,8 @@ int worker_count(size_t tiles) {
   return static_cast<int>(std::min<size_t>({tiles, static_cast<size_t>(hw), kMaxWorkers}));
 }
 
-qzinterp3d::affine_map affine_map_of(const py::array_t<double, py::array::c_style | py::array::forcecast>& matrix,
-                                     const py::array_t<double, py::array::c_style | py::array::forcecast>& offset) {
+qzinterp3d::affine_map affine_map_of(const py::array_t<double>& matrix,
+                                     const py::array_t<double>& offset) {
   if (matrix.ndim() != 2 || matrix.shape(0) != 3 || matrix.shape(1) != 3) {
     throw py::value_error("matrix must have shape (3, 3), got " + shape_of(matrix));
   }
@@ -796,13 +851,63 @@ qzinterp3d::boundary boundary_of(const std::string& mode) {
   throw py::value_error("mode must be 'constant' or 'nearest', got '" + mode + "'");
 }
 
-template <class Coord>
-void run_affine(AffineJob<Coord>& job) {
+template <class Job>
+void run_job(Job& job) {
   if (job.tiles.empty()) return;
   py::gil_scoped_release release;
-  (void)halide_do_par_for(nullptr, &AffineJob<Coord>::task, 0, worker_count(job.tiles.size()),
+  (void)halide_do_par_for(nullptr, &Job::task, 0, worker_count(job.tiles.size()),
                           reinterpret_cast<uint8_t*>(&job));
   if (job.failed) throw std::runtime_error("affine resampling failed (out of memory?)");
+}
+
+using DoubleArray = py::array_t<double, py::array::c_style | py::array::forcecast>;
+
+// The output array of a resampling call: at most 3-D, writable, aligned,
+// of a dtype results can be stored into.
+py::array checked_output(const py::object& output_obj) {
+  py::array output = as_ndarray(output_obj, "output");
+  if (output.ndim() > 3) {
+    throw py::value_error("output must have at most 3 dimensions, got " + shape_of(output));
+  }
+  if (!output.writeable()) throw py::value_error("output is read-only");
+  require_aligned(output, "output");
+  return output;
+}
+
+Layout layout_of(const py::array& a) {
+  return layout_of(std::vector<int64_t>(a.shape(), a.shape() + a.ndim()),
+                   std::vector<int64_t>(a.strides(), a.strides() + a.ndim()));
+}
+
+// Fills `output` with the grid of `call` sampled at the points of `source`,
+// a tile of whole rows at a time, on the Halide runtime's thread pool.
+template <class Source>
+void resample(const Call& call, const Source& source, py::array& output) {
+  const OutputSpec spec = output_spec(output.dtype());
+  const Layout layout = layout_of(output);
+  if (layout.total == 0) return;
+  const bool c_ordered = (output.flags() & py::array::c_style) != 0;
+  auto run = [&](auto tag) {
+    using Coord = decltype(tag);
+    ResampleJob<Coord, Source> job;
+    job.call = call;
+    job.source = source;
+    job.layout = layout;
+    job.output = static_cast<char*>(output.mutable_data());
+    job.spec = spec;
+    job.direct = c_ordered && spec.kind == (sizeof(Coord) == 8 ? OutKind::f64 : OutKind::f32);
+    job.tiles = tiles_of(layout, kTileBytes / (4 * static_cast<int64_t>(sizeof(Coord))));
+    run_job(job);
+  };
+  if (is_f64(call)) {
+    run(double{});
+  } else {
+    run(float{});
+  }
+}
+
+void grid_extents(const Call& call, int32_t n[3]) {
+  for (int d = 0; d < 3; ++d) n[d] = call.volume_dims[d].extent;
 }
 
 // _affine_resample(volume, matrix, offset, method, mode, fill_value, output)
@@ -811,44 +916,92 @@ void affine_resample(const py::object& volume_obj, const py::object& matrix_obj,
                      const std::string& mode, const py::object& fill_value_obj,
                      const py::object& output_obj) {
   const Call call = prepare_call(volume_obj, method_obj, fill_value_obj);
-  const qzinterp3d::affine_map map =
-      affine_map_of(py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(matrix_obj),
-                    py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(offset_obj));
-  const qzinterp3d::boundary boundary = boundary_of(mode);
-  py::array output = as_ndarray(output_obj, "output");
-  if (output.ndim() > 3) {
-    throw py::value_error("output must have at most 3 dimensions, got " + shape_of(output));
+  AffineSource source{affine_map_of(py::cast<DoubleArray>(matrix_obj),
+                                    py::cast<DoubleArray>(offset_obj)),
+                      boundary_of(mode), {0, 0, 0}};
+  grid_extents(call, source.n);
+  py::array output = checked_output(output_obj);
+  resample(call, source, output);
+}
+
+// The source reading `coordinates` (shape (k, *S), float32 or float64) for
+// an output of shape S; axes[d] is the coordinate row of library dimension d
+// (-1: none, the coordinate 1).
+ArraySource array_source(const py::array& coordinates, const std::vector<int>& axes,
+                         const int32_t n[3], const std::string& mode) {
+  const bool f64 = same_dtype(coordinates.dtype(), py::dtype::of<double>());
+  if (!f64 && !same_dtype(coordinates.dtype(), py::dtype::of<float>())) {
+    throw py::type_error("coordinates must be float32 or float64, got " +
+                         str_of(coordinates.dtype()));
   }
-  if (!output.writeable()) throw py::value_error("output is read-only");
-  require_aligned(output, "output");
-  const OutputSpec spec = output_spec(output.dtype());
-  std::vector<int64_t> shape(output.shape(), output.shape() + output.ndim());
-  std::vector<int64_t> strides(output.strides(), output.strides() + output.ndim());
-  const Layout layout = layout_of(shape, strides);
-  if (layout.total == 0) return;
-  const bool f64 = is_f64(call);
-  const bool c_ordered = (output.flags() & py::array::c_style) != 0;
-  auto fill = [&](auto& job) {
-    job.call = call;
-    job.map = map;
-    job.mode = boundary;
-    for (int d = 0; d < 3; ++d) job.n[d] = call.volume_dims[d].extent;
-    job.layout = layout;
-    job.output = static_cast<char*>(output.mutable_data());
-    job.spec = spec;
-    using Coord = typename std::decay_t<decltype(job)>::coord_type;
-    job.direct = c_ordered && spec.itemsize == static_cast<int>(sizeof(Coord)) &&
-                 spec.kind == (f64 ? OutKind::f64 : OutKind::f32);
-    job.tiles = tiles_of(layout, kTileBytes / (4 * static_cast<int64_t>(sizeof(Coord))));
-    run_affine(job);
+  if (coordinates.ndim() < 1 || coordinates.ndim() > 4) {
+    throw py::value_error("coordinates must have 1 to 4 dimensions, got " + shape_of(coordinates));
+  }
+  if (axes.size() != 3) throw py::value_error("axes must hold 3 values");
+  require_aligned(coordinates, "coordinates");
+  ArraySource src{};
+  src.data = static_cast<const char*>(coordinates.data());
+  src.f64 = f64;
+  src.axis_stride = coordinates.strides(0);
+  const int k = static_cast<int>(coordinates.ndim()) - 1;
+  for (int d = 0; d < 3; ++d) {
+    if (axes[d] >= coordinates.shape(0)) throw py::value_error("axes: no such coordinate row");
+    src.axes[d] = axes[d];
+    src.n[d] = n[d];
+    src.strides[d] = 0;
+  }
+  for (int i = 0; i < k; ++i) src.strides[3 - k + i] = coordinates.strides(i + 1);
+  src.mode = boundary_of(mode);
+  return src;
+}
+
+// _map_resample(volume, coordinates, axes, method, mode, fill_value, output)
+void map_resample(const py::object& volume_obj, const py::array& coordinates,
+                  const std::vector<int>& axes, const py::object& method_obj,
+                  const std::string& mode, const py::object& fill_value_obj,
+                  const py::object& output_obj) {
+  const Call call = prepare_call(volume_obj, method_obj, fill_value_obj);
+  int32_t n[3];
+  grid_extents(call, n);
+  const ArraySource source = array_source(coordinates, axes, n, mode);
+  py::array output = checked_output(output_obj);
+  if (output.ndim() + 1 != coordinates.ndim() ||
+      !std::equal(output.shape(), output.shape() + output.ndim(), coordinates.shape() + 1)) {
+    throw py::value_error("output has shape " + shape_of(output) + ", expected coordinates.shape[1:]");
+  }
+  resample(call, source, output);
+}
+
+// _library_coordinates(coordinates, axes, extents, mode, double): the
+// library coordinates (xq, yq, zq), each of shape coordinates.shape[1:].
+py::tuple library_coordinates(const py::array& coordinates, const std::vector<int>& axes,
+                              const std::vector<int32_t>& extents, const std::string& mode,
+                              bool f64) {
+  if (extents.size() != 3) throw py::value_error("extents must hold 3 values");
+  const int32_t n[3] = {extents[0], extents[1], extents[2]};
+  const ArraySource source = array_source(coordinates, axes, n, mode);
+  const std::vector<int64_t> shape(coordinates.shape() + 1, coordinates.shape() + coordinates.ndim());
+  // The rows of the output's layout; the strides do not matter here.
+  const Layout l = layout_of(shape, std::vector<int64_t>(shape.size(), 0));
+  auto make = [&](auto tag) {
+    using Coord = decltype(tag);
+    const std::vector<py::ssize_t> s(shape.begin(), shape.end());
+    py::array_t<Coord> x(s), y(s), z(s);
+    Coord *px = x.mutable_data(), *py_ = y.mutable_data(), *pz = z.mutable_data();
+    {
+      py::gil_scoped_release release;
+      int64_t at = 0;
+      for (int64_t row = 0; row < l.rows; ++row) {
+        int64_t o[3];
+        l.start(row, o);
+        const int64_t len = l.length(row);
+        source(o, len, px + at, py_ + at, pz + at);
+        at += len;
+      }
+    }
+    return py::make_tuple(x, y, z);
   };
-  if (f64) {
-    AffineJob<double> job;
-    fill(job);
-  } else {
-    AffineJob<float> job;
-    fill(job);
-  }
+  return f64 ? make(double{}) : make(float{});
 }
 
 // _affine_coordinates(extents, matrix, offset, mode, start, stop, double)
@@ -864,8 +1017,7 @@ py::tuple affine_coordinates(const std::vector<int32_t>& extents, const py::obje
     throw py::value_error("start and stop must have one length, at most 3");
   }
   const qzinterp3d::affine_map map =
-      affine_map_of(py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(matrix_obj),
-                    py::cast<py::array_t<double, py::array::c_style | py::array::forcecast>>(offset_obj));
+      affine_map_of(py::cast<DoubleArray>(matrix_obj), py::cast<DoubleArray>(offset_obj));
   const qzinterp3d::boundary boundary = boundary_of(mode);
   std::vector<py::ssize_t> shape;
   int64_t lo[3] = {0, 0, 0}, count[3] = {1, 1, 1};
@@ -896,43 +1048,6 @@ py::tuple affine_coordinates(const std::vector<int32_t>& extents, const py::obje
   return f64 ? make(double{}) : make(float{});
 }
 
-// _cast_into(values, output): stores C-ordered float32 or float64 values
-// into `output` (same shape, any real dtype, any strides) with the rounding
-// and casts of integer outputs described above.
-void cast_into(const py::array& values, const py::object& output_obj) {
-  py::array output = as_ndarray(output_obj, "output");
-  if (values.ndim() != output.ndim() ||
-      !std::equal(values.shape(), values.shape() + values.ndim(), output.shape())) {
-    throw py::value_error("output has shape " + shape_of(output) + ", expected " + shape_of(values));
-  }
-  if (!(values.flags() & py::array::c_style)) throw py::value_error("values must be C-ordered");
-  if (!output.writeable()) throw py::value_error("output is read-only");
-  require_aligned(output, "output");
-  const OutputSpec spec = output_spec(output.dtype());
-  const bool f64 = same_dtype(values.dtype(), py::dtype::of<double>());
-  if (!f64 && !same_dtype(values.dtype(), py::dtype::of<float>())) {
-    throw py::type_error("values must be float32 or float64");
-  }
-  std::vector<int64_t> shape(output.shape(), output.shape() + output.ndim());
-  std::vector<int64_t> strides(output.strides(), output.strides() + output.ndim());
-  const Layout l = layout_of(shape, strides);
-  char* out = static_cast<char*>(output.mutable_data());
-  const char* in = static_cast<const char*>(values.data());
-  const size_t size = f64 ? 8 : 4;
-  py::gil_scoped_release release;
-  for (int64_t row = 0; row < l.rows; ++row) {
-    int64_t o[3];
-    l.start(row, o);
-    const int64_t flat = (o[0] * l.shape[1] + o[1]) * l.shape[2] + o[2];
-    if (f64) {
-      store_row(reinterpret_cast<const double*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
-    } else {
-      store_row(reinterpret_cast<const float*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
-    }
-  }
-}
-
-
 constexpr const char* kInterp3Doc = R"doc(
 interp3(volume, xq, yq, zq, method="linear", fill_value=nan)
 
@@ -945,15 +1060,15 @@ volume : numpy.ndarray, 3-D, shape (nz, ny, nx)
     or uint32 (native byte order). The last axis (x) must be contiguous; the
     strides of the other two axes are free (views of larger arrays, reversed
     or broadcast axes are read in place).
-xq, yq, zq : numpy.ndarray, 1-D or 2-D, all of one shape
+xq, yq, zq : numpy.ndarray of any shape, all of one shape
     1-based query coordinates: ``xq`` addresses the volume's last axis
     (x, length nx), ``yq`` the middle axis (y, length ny), ``zq`` the first
     axis (z, length nz). q = 1 is the first sample along an axis and q = n
     the last, so ``volume[k, j, i]`` sits at (xq, yq, zq) = (i + 1, j + 1,
     k + 1). dtype float64 for a float64 volume, float32 for every other
     volume dtype, exactly (no conversion is made; other dtypes raise
-    TypeError). The last axis must be contiguous; the row stride of 2-D
-    arrays is free.
+    TypeError). The last axis must be contiguous; the strides of the
+    other axes are free.
 method : {"linear", "nearest"}
     "linear" blends the eight surrounding samples (trilinear); "nearest"
     takes the nearest sample, ties rounding to the even index.
@@ -976,8 +1091,10 @@ block of samples (nx > 16 / itemsize) queried with rows narrower than that
 block, whose rows are computed through a padded scratch copy. The GIL is
 released during the computation; grids wider than one block are computed
 row by row on the Halide runtime's thread pool (HL_NUM_THREADS sets its
-size). A 1-D query of n points is computed as rows of ROW_LENGTH points and
-one shorter row for the rest.
+size). Rows: for coordinates of two or more dimensions, each row is the
+last axis at one index of the leading axes; a 1-D query of n points is
+computed as rows of ROW_LENGTH points and one shorter row for the rest; a
+0-D query as one row of one point.
 
 Results are exact and reproducible: the same inputs give the same bits. The
 last bit of a trilinear value can depend on where a point lies in its row
@@ -1005,13 +1122,22 @@ PYBIND11_MODULE(_core, m) {
         "matrix (3, 3) and offset (3,) in float64, row d giving grid dimension d (x, y, z),\n"
         "column j the output index term j (padded with leading zero terms). The output's\n"
         "rows follow the row layout of its shape. mode is 'constant' or 'nearest'.");
+  m.def("_map_resample", &map_resample, py::arg("volume"), py::arg("coordinates"),
+        py::arg("axes"), py::arg("method"), py::arg("mode"), py::arg("fill_value"),
+        py::arg("output"),
+        "_map_resample(volume, coordinates, axes, method, mode, fill_value, output)\n\n"
+        "Fills `output` (shape coordinates.shape[1:], at most 3-D) with `volume` sampled at\n"
+        "scipy's 0-based `coordinates` (float32 or float64, any strides): library dimension d\n"
+        "reads coordinate row axes[d] (-1: the coordinate 1), formed into the library's\n"
+        "coordinate as library_coordinate() does, tile by tile on the thread pool.");
+  m.def("_library_coordinates", &library_coordinates, py::arg("coordinates"), py::arg("axes"),
+        py::arg("extents"), py::arg("mode"), py::arg("double"),
+        "_library_coordinates(coordinates, axes, extents, mode, double)\n\n"
+        "The library coordinates (xq, yq, zq) that _map_resample forms from `coordinates`.");
   m.def("_affine_coordinates", &affine_coordinates, py::arg("extents"), py::arg("matrix"),
         py::arg("offset"), py::arg("mode"), py::arg("start"), py::arg("stop"),
         py::arg("double"),
         "_affine_coordinates(extents, matrix, offset, mode, start, stop, double)\n\n"
         "The library coordinates (xq, yq, zq) of the box [start, stop) of output indices,\n"
         "for a grid of extents (nx, ny, nz): the same bits _affine_resample computes.");
-  m.def("_cast_into", &cast_into, py::arg("values"), py::arg("output"),
-        "_cast_into(values, output)\n\nStores float32/float64 values into output with the\n"
-        "rounding and saturation rules of integer outputs.");
 }
