@@ -166,19 +166,23 @@ def _check_cval(cval):
     return float(cval)
 
 
-def _output_array(output, shape, default_dtype):
+def _output_array(output, shape, default_dtype, inputs=()):
     """scipy's rule: None gives an array of the input's dtype, a dtype an
-    array of that dtype, an array is filled. Returns (array, given)."""
+    array of that dtype, an array is filled (it may not share memory with
+    ``inputs``, which are read while it is written)."""
     shape = tuple(shape)
     if isinstance(output, np.ndarray):
         if output.shape != shape:
             raise ValueError(f"output has shape {output.shape}, expected {shape}")
+        for name, array in inputs:
+            if np.may_share_memory(output, array):
+                raise ValueError(f"output shares memory with {name}; pass a separate array")
         _check_output_dtype(output.dtype)
         if not output.flags.writeable:
             raise ValueError("output is read-only")
         if output.ctypes.data % output.itemsize or any(s % output.itemsize for s in output.strides):
             raise ValueError("output is not aligned to its elements")
-        return output, True
+        return output
     if output is None:
         dtype = default_dtype
     else:
@@ -189,7 +193,7 @@ def _output_array(output, shape, default_dtype):
                 f"output must be None, a dtype or a numpy.ndarray, got {type(output).__name__}"
             ) from None
     _check_output_dtype(dtype)
-    return np.empty(shape, dtype), False
+    return np.empty(shape, dtype)
 
 
 def _check_output_dtype(dtype):
@@ -293,30 +297,31 @@ def map_coordinates(input, coordinates, output=None, order=1, mode="constant", c
     prepared = _prepare_input(input)
     coords = _check_coordinates(coordinates, prepared.ndim)
     shape = coords.shape[1:]
-    out, _ = _output_array(output, shape, prepared.dtype)
+    out = _output_array(output, shape, prepared.dtype,
+                        [("input", prepared.volume), ("coordinates", coords)])
     coords = _coordinate_array(coords)
     target = out
     if len(shape) > 3:
         # Rows are the last axis at every index of the leading ones, in C
         # order, whatever the number of axes: fold the leading ones into one.
         coords = coords.reshape(coords.shape[0], -1, shape[-1])
-        target = _folded_view(out, shape)
+        target = _folded(out, shape[-1])
     _core._map_resample(prepared.volume, coords, _axes_argument(prepared), method, mode, fill,
                         target)
-    if target is not out and not np.shares_memory(target, out):
+    if target.base is not out and target is not out:  # computed into a separate array
         out[...] = target.reshape(shape)
     return out
 
 
-def _folded_view(out, shape):
-    """``out`` as (rows, shape[-1]) without a copy if possible, else a new
-    array of that shape (copied back afterwards)."""
+def _folded(out, row_length):
+    """``out`` as (rows, row_length): a view when its memory allows it, else
+    a new array of its dtype (copied back afterwards)."""
     view = out.view()
     try:
-        view.shape = (-1, shape[-1])
+        view.shape = (-1, row_length)
         return view
     except AttributeError:
-        return np.empty((view.size // max(shape[-1], 1), shape[-1]), out.dtype)
+        return np.empty((out.size // max(row_length, 1), row_length), out.dtype)
 
 
 def _affine_map(prepared, matrix, offset, output_ndim):
@@ -432,7 +437,7 @@ def affine_transform(input, matrix, offset=0.0, output_shape=None, output=None, 
     prepared = _prepare_input(input)
     shape = _check_output_shape(output_shape, output, np.shape(input))
     m, off = _check_matrix(matrix, offset, prepared.ndim, shape)
-    out, _ = _output_array(output, shape, prepared.dtype)
+    out = _output_array(output, shape, prepared.dtype, [("input", prepared.volume)])
     m3, o3 = _affine_map(prepared, m, off, len(shape))
     _core._affine_resample(prepared.volume, m3, o3, method, mode, fill, out)
     return out

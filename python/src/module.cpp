@@ -1,14 +1,20 @@
 // qzinterp3d._core: the numpy front end of libqzinterp3d_halide.
 //
-// One function, interp3(volume, xq, yq, zq, method, fill_value), which checks
-// its arguments, describes the caller's numpy memory in halide_buffer_t
-// descriptors (no copy of any input), sizes the call through the library's
-// bounds query and runs the pipeline with the GIL released.
+// interp3(volume, xq, yq, zq, method, fill_value) checks its arguments,
+// describes the caller's numpy memory in halide_buffer_t descriptors (no copy
+// of any input), sizes the call through the library's bounds query and runs
+// the pipeline with the GIL released. The one case that copies: when the
+// library asks for a wider coordinate and output region than the caller's
+// arrays cover (a grid wider than one block of 16 bytes of samples with rows
+// narrower than that block), the rows are computed through a padded scratch
+// copy, a slab of rows at a time.
 //
-// The one case that copies: when the library asks for a wider coordinate and
-// output region than the caller's arrays cover (a grid wider than one block of
-// 16 bytes of samples with rows narrower than that block), the rows are
-// computed through a padded scratch copy, a slab of rows at a time.
+// The resampling functions behind qzinterp3d.map_coordinates and
+// affine_transform (_map_resample, _affine_resample) generate the library's
+// coordinates themselves, from scipy-style coordinates or the affine
+// formula, a tile of whole output rows at a time into bounded scratch, the
+// tiles running on the Halide runtime's thread pool; they store the values
+// into an output of any real dtype the way scipy.ndimage stores its own.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -1042,43 +1048,6 @@ py::tuple affine_coordinates(const std::vector<int32_t>& extents, const py::obje
   return f64 ? make(double{}) : make(float{});
 }
 
-// _cast_into(values, output): stores C-ordered float32 or float64 values
-// into `output` (same shape, any real dtype, any strides) with the rounding
-// and casts of integer outputs described above.
-void cast_into(const py::array& values, const py::object& output_obj) {
-  py::array output = as_ndarray(output_obj, "output");
-  if (values.ndim() != output.ndim() ||
-      !std::equal(values.shape(), values.shape() + values.ndim(), output.shape())) {
-    throw py::value_error("output has shape " + shape_of(output) + ", expected " + shape_of(values));
-  }
-  if (!(values.flags() & py::array::c_style)) throw py::value_error("values must be C-ordered");
-  if (!output.writeable()) throw py::value_error("output is read-only");
-  require_aligned(output, "output");
-  const OutputSpec spec = output_spec(output.dtype());
-  const bool f64 = same_dtype(values.dtype(), py::dtype::of<double>());
-  if (!f64 && !same_dtype(values.dtype(), py::dtype::of<float>())) {
-    throw py::type_error("values must be float32 or float64");
-  }
-  std::vector<int64_t> shape(output.shape(), output.shape() + output.ndim());
-  std::vector<int64_t> strides(output.strides(), output.strides() + output.ndim());
-  const Layout l = layout_of(shape, strides);
-  char* out = static_cast<char*>(output.mutable_data());
-  const char* in = static_cast<const char*>(values.data());
-  const size_t size = f64 ? 8 : 4;
-  py::gil_scoped_release release;
-  for (int64_t row = 0; row < l.rows; ++row) {
-    int64_t o[3];
-    l.start(row, o);
-    const int64_t flat = (o[0] * l.shape[1] + o[1]) * l.shape[2] + o[2];
-    if (f64) {
-      store_row(reinterpret_cast<const double*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
-    } else {
-      store_row(reinterpret_cast<const float*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
-    }
-  }
-}
-
-
 constexpr const char* kInterp3Doc = R"doc(
 interp3(volume, xq, yq, zq, method="linear", fill_value=nan)
 
@@ -1091,15 +1060,15 @@ volume : numpy.ndarray, 3-D, shape (nz, ny, nx)
     or uint32 (native byte order). The last axis (x) must be contiguous; the
     strides of the other two axes are free (views of larger arrays, reversed
     or broadcast axes are read in place).
-xq, yq, zq : numpy.ndarray, 1-D or 2-D, all of one shape
+xq, yq, zq : numpy.ndarray of any shape, all of one shape
     1-based query coordinates: ``xq`` addresses the volume's last axis
     (x, length nx), ``yq`` the middle axis (y, length ny), ``zq`` the first
     axis (z, length nz). q = 1 is the first sample along an axis and q = n
     the last, so ``volume[k, j, i]`` sits at (xq, yq, zq) = (i + 1, j + 1,
     k + 1). dtype float64 for a float64 volume, float32 for every other
     volume dtype, exactly (no conversion is made; other dtypes raise
-    TypeError). The last axis must be contiguous; the row stride of 2-D
-    arrays is free.
+    TypeError). The last axis must be contiguous; the strides of the
+    other axes are free.
 method : {"linear", "nearest"}
     "linear" blends the eight surrounding samples (trilinear); "nearest"
     takes the nearest sample, ties rounding to the even index.
@@ -1122,8 +1091,10 @@ block of samples (nx > 16 / itemsize) queried with rows narrower than that
 block, whose rows are computed through a padded scratch copy. The GIL is
 released during the computation; grids wider than one block are computed
 row by row on the Halide runtime's thread pool (HL_NUM_THREADS sets its
-size). A 1-D query of n points is computed as rows of ROW_LENGTH points and
-one shorter row for the rest.
+size). Rows: for coordinates of two or more dimensions, each row is the
+last axis at one index of the leading axes; a 1-D query of n points is
+computed as rows of ROW_LENGTH points and one shorter row for the rest; a
+0-D query as one row of one point.
 
 Results are exact and reproducible: the same inputs give the same bits. The
 last bit of a trilinear value can depend on where a point lies in its row
@@ -1169,7 +1140,4 @@ PYBIND11_MODULE(_core, m) {
         "_affine_coordinates(extents, matrix, offset, mode, start, stop, double)\n\n"
         "The library coordinates (xq, yq, zq) of the box [start, stop) of output indices,\n"
         "for a grid of extents (nx, ny, nz): the same bits _affine_resample computes.");
-  m.def("_cast_into", &cast_into, py::arg("values"), py::arg("output"),
-        "_cast_into(values, output)\n\nStores float32/float64 values into output with the\n"
-        "rounding and saturation rules of integer outputs.");
 }

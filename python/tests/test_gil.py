@@ -1,4 +1,4 @@
-"""interp3 releases the GIL while it computes: another Python thread runs
+"""interp3, map_coordinates and affine_transform release the GIL while it computes: another Python thread runs
 during the call.
 
 The interpreter's switch interval is raised so far that a thread holding the
@@ -34,12 +34,8 @@ def counting_thread(state):
         time.sleep(0)  # gives the GIL up, so the calling thread can get it back
 
 
-@pytest.mark.parametrize("grid", ["serial", "pool"])
-def test_another_thread_runs_during_the_call(no_forced_switches, grid):
-    rng = np.random.default_rng(1)
-    nx = 4 if grid == "serial" else 64
-    volume = rng.random((32, 32, nx), dtype=np.float32)
-    xq, yq, zq = (rng.uniform(1, n, (1500, 1000)).astype(np.float32) for n in (nx, 32, 32))
+def advanced_during(call):
+    """How far the counting thread got during one of (up to 20) calls."""
     state = {"started": threading.Event(), "stop": False, "count": 0}
     counter = threading.Thread(target=counting_thread, args=(state,))
     counter.start()
@@ -48,11 +44,31 @@ def test_another_thread_runs_during_the_call(no_forced_switches, grid):
         advanced = 0
         for _ in range(20):  # normally the first call shows it
             before = state["count"]
-            qz.interp3(volume, xq, yq, zq)
+            call()
             advanced = state["count"] - before
             if advanced:
                 break
     finally:
         state["stop"] = True
         counter.join()
-    assert advanced > 0
+    return advanced
+
+
+@pytest.mark.parametrize("grid", ["serial", "pool"])
+def test_another_thread_runs_during_the_call(no_forced_switches, grid):
+    rng = np.random.default_rng(1)
+    nx = 4 if grid == "serial" else 64
+    volume = rng.random((32, 32, nx), dtype=np.float32)
+    xq, yq, zq = (rng.uniform(1, n, (1500, 1000)).astype(np.float32) for n in (nx, 32, 32))
+    assert advanced_during(lambda: qz.interp3(volume, xq, yq, zq)) > 0
+
+
+@pytest.mark.parametrize("grid", ["serial", "pool"])
+def test_another_thread_runs_during_resampling(no_forced_switches, grid):
+    rng = np.random.default_rng(2)
+    nx = 4 if grid == "serial" else 64
+    volume = rng.random((32, 32, nx), dtype=np.float32)
+    coords = rng.uniform(0, 31, (3, 1500, 1000))
+    matrix = np.diag([0.02, 0.03, 0.05])
+    assert advanced_during(lambda: qz.map_coordinates(volume, coords)) > 0
+    assert advanced_during(lambda: qz.affine_transform(volume, matrix, output_shape=(30, 200, 300))) > 0

@@ -409,6 +409,16 @@ def test_strided_outputs_are_filled_in_place(order):
                                                      order=order, output=np.float64))
 
 
+def test_outputs_of_more_than_three_dimensions_are_filled_in_place():
+    rng = np.random.default_rng(18)
+    volume = make_input(rng, "float32", (5, 6, 7))
+    coords = rng.uniform(0, 5, (3, 2, 3, 4, 5))
+    expected = qz.map_coordinates(volume, coords, output=np.uint8)
+    for output in (np.zeros((2, 3, 4, 5), np.uint8), np.zeros((5, 4, 3, 2), np.uint8).T):
+        assert qz.map_coordinates(volume, coords, output=output) is output
+        assert_same_bits(output, expected)
+
+
 def test_coordinates_of_any_shape():
     rng = np.random.default_rng(15)
     volume = make_input(rng, "float64", (5, 6, 7))

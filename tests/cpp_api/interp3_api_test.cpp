@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <qzinterp3d/interp3.hpp>
 
+#include "api_test_support.hpp"
+
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -15,49 +17,9 @@
 
 namespace {
 
-namespace qz = qzinterp3d;
+using namespace qzinterp3d_test;
+using qzinterp3d_test::expect_rejected;  // overloaded below for a Case
 using Halide::Runtime::Buffer;
-
-template <qz::method M, class T>
-struct Variant {
-  static constexpr qz::method method = M;
-  using sample = T;
-  using coord = qz::coord_t<T>;
-  static constexpr int block = static_cast<int>(16 / sizeof(T));
-};
-
-#define QZ_API_VARIANTS(M)                                                                 \
-  Variant<M, float>, Variant<M, double>, Variant<M, int8_t>, Variant<M, uint8_t>,          \
-      Variant<M, int16_t>, Variant<M, uint16_t>, Variant<M, int32_t>, Variant<M, uint32_t>
-using AllVariants =
-    ::testing::Types<QZ_API_VARIANTS(qz::method::nearest), QZ_API_VARIANTS(qz::method::linear)>;
-#undef QZ_API_VARIANTS
-
-struct VariantName {
-  template <class V>
-  static std::string GetName(int) {
-    std::string type = std::is_floating_point_v<typename V::sample>
-                           ? (sizeof(typename V::sample) == 4 ? "float32" : "float64")
-                           : std::string(std::is_signed_v<typename V::sample> ? "int" : "uint") +
-                                 std::to_string(8 * sizeof(typename V::sample));
-    return std::string(V::method == qz::method::nearest ? "nearest_" : "linear_") + type;
-  }
-};
-
-// A grid with random samples over the type's range (floats in [-100, 100)).
-template <class T>
-Buffer<T> random_grid(int nx, int ny, int nz, std::mt19937& rng) {
-  Buffer<T> V(nx, ny, nz);
-  if constexpr (std::is_floating_point_v<T>) {
-    std::uniform_real_distribution<T> d(T(-100), T(100));
-    V.for_each_value([&](T& v) { v = d(rng); });
-  } else {
-    std::uniform_int_distribution<int64_t> d(std::numeric_limits<T>::min(),
-                                             std::numeric_limits<T>::max());
-    V.for_each_value([&](T& v) { v = static_cast<T>(d(rng)); });
-  }
-  return V;
-}
 
 // Coordinates over region r along an axis of n samples: mostly inside,
 // some just outside, some exact sample positions and a few NaNs.
@@ -233,17 +195,6 @@ bool all_equal(const Buffer<float>& b, float v) {
   bool same = true;
   b.for_each_value([&](const float& e) { same = same && std::memcmp(&e, &v, sizeof v) == 0; });
   return same;
-}
-
-template <class Call>
-void expect_rejected(Call&& call, const char* argument, const std::string& message) {
-  try {
-    call();
-    ADD_FAILURE() << "accepted; expected " << message;
-  } catch (const qz::argument_error& e) {
-    EXPECT_STREQ(e.argument(), argument);
-    EXPECT_EQ(std::string(e.what()), message);
-  }
 }
 
 // Runs the call through the overload taking an output; `out` must keep its
