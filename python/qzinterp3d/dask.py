@@ -244,8 +244,8 @@ def _box_block(q, geometry, box, samples, grid, method, fill_value, out_dtype):
 
 def _partition(q, geometry, plan, grid, method):
     """A block's points split by the group of input chunks their cells start
-    in, one part per group of the plan: (indices, coordinates, kinds of
-    column). The points outside the volume go with the first part."""
+    in: {group key: (indices, coordinates, kinds of column)}, one part per
+    group of the plan. The points outside the volume go with the first."""
     block_shape, block_start, whole_shape = geometry
     flat = [np.asarray(a, dtype=grid.coord).ravel() for a in q]
     width, column = _point_geometry(block_shape, block_start, whole_shape)
@@ -253,57 +253,106 @@ def _partition(q, geometry, plan, grid, method):
     lower, _, needed = _boxes.cells(grid, flat)
     keys = _group_keys(grid, lower)
     done = ~needed
-    parts = []
+    parts = {}
     for key in plan.groups:
         mine = needed & np.all(keys == np.asarray(key), axis=-1)
         if not parts:
             mine |= ~needed
         done |= mine
         which = np.flatnonzero(mine)
-        parts.append((which, [a[which] for a in flat], kinds[which]))
+        parts[key] = (which, [a[which] for a in flat], kinds[which])
     if not np.all(done):
         raise RuntimeError("qzinterp3d.dask: a block's points fall in chunks it did not read")
     return parts
 
 
-def _evaluate_part(part, box, samples, grid, method, fill_value):
-    which, q, kinds = part
-    if which.size == 0:
-        return which, np.empty(0, dtype=grid.coord)
+def _evaluate_group(parts, box, samples, grid, method, fill_value):
+    """The values of one group's points of several blocks, on the group's
+    box: [(indices, values)] in the order of ``parts``."""
+    sizes = [p[0].size for p in parts]
+    if sum(sizes) == 0:
+        return [(p[0], np.empty(0, dtype=grid.coord)) for p in parts]
+    q = [np.concatenate([p[1][k] for p in parts]) for k in range(3)]
+    kinds = np.concatenate([p[2] for p in parts])
     zyx = _boxes.as_zyx(grid, _aligned(np.asarray(samples)))
-    return which, _boxes.evaluate_points(grid, zyx, box, q, kinds, method, fill_value)
+    values = _boxes.evaluate_points(grid, zyx, box, q, kinds, method, fill_value)
+    ends = np.cumsum(sizes)
+    return [(p[0], values[end - n: end]) for p, n, end in zip(parts, sizes, ends)]
 
 
-def _reassemble(block_shape, parts, grid, out_dtype):
+def _reassemble(block_shape, groups, grid, out_dtype):
+    """A block from its points' values: groups holds, per group the block
+    has points in, the group's results and the block's place among them."""
     out = np.empty(int(np.prod(block_shape, dtype=np.int64)), dtype=grid.coord)
-    for which, values in parts:
+    for results, place in groups:
+        which, values = results[place]
         out[which] = values
     return _convert_output(out.reshape(block_shape), out_dtype)
 
 
 def _block_array(q, geometry, plan, volume, grid, method, fill_value, out_dtype, meta=None):
-    """The dask array of one output block, from the delayed library
-    coordinates ``q`` of its points and its plan: one task per box read, so
-    that no task holds more than one box of the volume."""
+    """The dask array of a block that reads nothing or one box."""
     shape = geometry[0]
     if plan.kind == "fill":
         task = dask.delayed(_fill_block, pure=True)(q, geometry, grid, fill_value, out_dtype)
-    elif plan.kind == "box":
+    else:
         box = plan.boxes[0]
         task = dask.delayed(_box_block, pure=True)(
             q, geometry, box, _read(volume, box, grid.axes), grid, method, fill_value, out_dtype)
-    else:
-        parts = dask.delayed(_partition, pure=True, nout=len(plan.groups))(
-            q, geometry, plan, grid, method)
-        values = [
-            dask.delayed(_evaluate_part, pure=True)(
-                parts[g], box, _read(volume, box, grid.axes), grid, method, fill_value)
-            for g, box in enumerate(plan.boxes)
-        ]
-        task = dask.delayed(_reassemble, pure=True)(shape, values, grid, out_dtype)
+    return _from_delayed(task, shape, out_dtype, meta)
+
+
+def _from_delayed(task, shape, dtype, meta):
     if meta is None:
-        return da.from_delayed(task, shape, dtype=out_dtype)
-    return da.from_delayed(task, shape, dtype=out_dtype, meta=meta)
+        return da.from_delayed(task, shape, dtype=dtype)
+    return da.from_delayed(task, shape, dtype=dtype, meta=meta)
+
+
+def _result(specs, chunks, volume, grid, method, fill_value, out_dtype, meta=None, share=True):
+    """The lazy result from every block's (library coordinates, geometry,
+    plan). With ``share``, split blocks share their groups of chunks: each
+    group is computed by one task, for the points of every block that falls
+    in it, on the union of those blocks' boxes, so that each input chunk has
+    one reader and is released as soon as that task is done (points spread
+    over the volume reach the same chunks from every block). Without, each
+    block has its own task per group, reading only its own boxes (a plane's
+    blocks share only the chunks along their borders)."""
+    arrays = {}
+    split = {}
+    for index, (q, geometry, plan) in specs.items():
+        if plan.kind == "split":
+            split[index] = dask.delayed(_partition, pure=True)(q, geometry, plan, grid, method)
+        else:
+            arrays[index] = _block_array(q, geometry, plan, volume, grid, method, fill_value,
+                                         out_dtype, meta)
+    members = {}
+    for index, parts in split.items():
+        plan = specs[index][2]
+        for key, box in zip(plan.groups, plan.boxes):
+            members.setdefault(key if share else (key, index), []).append((index, box))
+    results, places = {}, {}
+    for key, blocks in members.items():
+        start = np.min([b[0] for _, b in blocks], axis=0)
+        stop = np.max([b[1] for _, b in blocks], axis=0)
+        box = (tuple(int(v) for v in start), tuple(int(v) for v in stop))
+        group = key if share else key[0]
+        results[key] = dask.delayed(_evaluate_group, pure=True)(
+            [split[index][group] for index, _ in blocks], box, _read(volume, box, grid.axes),
+            grid, method, fill_value)
+        for place, (index, _) in enumerate(blocks):
+            places[key, index] = place
+    for index in split:
+        geometry, plan = specs[index][1], specs[index][2]
+        keys = plan.groups if share else [(key, index) for key in plan.groups]
+        groups = [(results[key], places[key, index]) for key in keys]
+        task = dask.delayed(_reassemble, pure=True)(geometry[0], groups, grid, out_dtype)
+        arrays[index] = _from_delayed(task, geometry[0], out_dtype, meta)
+    if len(chunks) == 0:
+        return arrays[()]
+    nested = np.empty([len(c) for c in chunks], dtype=object)
+    for index, array in arrays.items():
+        nested[index] = array
+    return da.block(nested.tolist())
 
 
 def _check_cells(grid, q, boxes):
@@ -428,13 +477,6 @@ def _map_block_coordinates(c, frame, mode):
 # --- assembling --------------------------------------------------------------------
 
 
-def _assemble(blocks, chunks, dtype):
-    """One dask array from a nested list of computed blocks."""
-    if len(chunks) == 0:
-        return blocks
-    return da.block(blocks)
-
-
 def _block_grid(chunks):
     """Every block of a chunking: (index, start, shape)."""
     starts = [np.cumsum((0,) + tuple(c))[:-1] for c in chunks]
@@ -442,14 +484,6 @@ def _block_grid(chunks):
         start = tuple(int(starts[d][i]) for d, i in enumerate(index))
         shape = tuple(int(chunks[d][i]) for d, i in enumerate(index))
         yield index, start, shape
-
-
-def _nested(chunks, make):
-    """A nested list of make(index, start, shape) over the blocks."""
-    blocks = np.empty([len(c) for c in chunks], dtype=object)
-    for index, start, shape in _block_grid(chunks):
-        blocks[index] = make(index, start, shape)
-    return blocks.tolist()
 
 
 # --- map_coordinates -----------------------------------------------------------------
@@ -510,12 +544,11 @@ def map_coordinates(input, coordinates, output=None, order=1, mode="constant", c
         dask.delayed(_map_stats)(p, frame, mode, grid) for p in pieces.ravel()
     ]))
 
-    def make(index, start, shape):
-        plan = _plan_from_cells(grid, *stats[index])
+    specs = {}
+    for index, start, shape in _block_grid(chunks):
         q = dask.delayed(_map_block_coordinates, pure=True, nout=3)(pieces[index], frame, mode)
-        return _block_array(q, (shape, start, whole), plan, zyx, grid, method, cval, out_dtype)
-
-    return _assemble(_nested(chunks, make), chunks, out_dtype)
+        specs[index] = (q, (shape, start, whole), _plan_from_cells(grid, *stats[index]))
+    return _result(specs, chunks, zyx, grid, method, cval, out_dtype)
 
 
 # --- affine_transform ------------------------------------------------------------------
@@ -699,12 +732,11 @@ def affine_transform(input, matrix, offset=0.0, output_shape=None, output=None, 
                                for _, start, bshape in blocks])
         plans = {index: _plan_from_cells(grid, *st) for (index, _, _), st in zip(blocks, stats)}
 
-    def make(index, start, bshape):
+    specs = {}
+    for index, start, bshape in blocks:
         q = dask.delayed(_affine_block_coordinates, pure=True, nout=3)(affine, start, bshape, grid, mode)
-        return _block_array(q, (bshape, start, shape), plans[index], zyx, grid, method, cval,
-                            out_dtype)
-
-    return _assemble(_nested(chunks, make), chunks, out_dtype)
+        specs[index] = (q, (bshape, start, shape), plans[index])
+    return _result(specs, chunks, zyx, grid, method, cval, out_dtype, share=False)
 
 
 # --- interp3 -------------------------------------------------------------------------
@@ -778,12 +810,12 @@ def interp3(volume, xq, yq, zq, method="linear", fill_value=np.nan, client=None)
     if isinstance(volume, np.ndarray):
         volume_arg = _whole_volume_arg(volume, client)
 
-        def make_whole(index, start, shape):
+        nested = np.empty([len(c) for c in chunks], dtype=object)
+        for index, start, shape in _block_grid(chunks):
             task = dask.delayed(_interp3_block, pure=True)(
                 *(p[index] for p in pieces), volume_arg, method, fill_value)
-            return da.from_delayed(task, shape, dtype=meta.dtype, meta=meta)
-
-        return _assemble(_nested(chunks, make_whole), chunks, meta.dtype)
+            nested[index] = da.from_delayed(task, shape, dtype=meta.dtype, meta=meta)
+        return da.block(nested.tolist()) if chunks else nested[()]
 
     grid = _boxes.Grid(volume.shape[::-1], (2, 1, 0), volume.dtype, volume.chunks[::-1])
     flat = [p.ravel() for p in pieces]
@@ -791,10 +823,8 @@ def interp3(volume, xq, yq, zq, method="linear", fill_value=np.nan, client=None)
         dask.delayed(_interp3_stats)(x, y, z, grid) for x, y, z in zip(*flat)
     ]))
 
-    def make(index, start, shape):
-        plan = _plan_from_cells(grid, *stats[index])
+    specs = {}
+    for index, start, shape in _block_grid(chunks):
         q = [p[index] for p in pieces]
-        return _block_array(q, (shape, start, whole), plan, volume, grid, method, fill_value,
-                            meta.dtype, meta=meta)
-
-    return _assemble(_nested(chunks, make), chunks, meta.dtype)
+        specs[index] = (q, (shape, start, whole), _plan_from_cells(grid, *stats[index]))
+    return _result(specs, chunks, volume, grid, method, fill_value, meta.dtype, meta=meta)

@@ -421,11 +421,16 @@ def test_a_volume_larger_than_each_worker_read_by_blocks(tmp_path):
             holding, bounding = chunks_of_cells(q, grid, 4)
             assert holding <= got <= bounding, (b, len(holding), len(got), len(bounding))
 
-        # Points spread over the whole volume: split by groups of chunks.
+        # Points spread over the whole volume, in four blocks: split by groups
+        # of chunks, each group one task for all four blocks.
         rng = np.random.default_rng(16)
         points = np.stack([rng.uniform(-1, n, 40_000) for n in shape])
         expected = qz.map_coordinates(vol, points, output=np.float32)
-        lazy = qzd.map_coordinates(dvol, points, output=np.float32)
+        lazy = qzd.map_coordinates(dvol, da.from_array(points, chunks=(3, 10_240)), output=np.float32)
+        assert lazy.numblocks == (4,)
         ref.assert_same(client.compute(lazy).result(), expected)
+        holding, _ = chunks_of_cells(qz._core._library_coordinates(
+            points, [2, 1, 0], list(grid.extents), "constant", False), grid, 0)
+        assert holding <= set(reads(log))
         memory = client.run(lambda: __import__("psutil").Process().memory_info().rss)
         assert max(memory.values()) < limit
