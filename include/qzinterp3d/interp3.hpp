@@ -31,6 +31,13 @@
 //   have that region (ask required_region() for it); the overload returning
 //   the output takes care of it and returns exactly the coordinates' region.
 //
+// * affine_transform<M>(V, map, boundary, fill_value, Vq) resamples V through
+//   an affine map into a 3-D output without any coordinate array: each
+//   output row's coordinates come from affine_row(), the one place the
+//   formula (and library_coordinate(), the 0-based to 1-based rule) lives.
+//   It runs on the Halide runtime's thread pool; link libqzhalideRuntime
+//   (the installed CMake package and pkg-config file do).
+//
 // The results are those of the C entries, bit for bit.
 #ifndef QZINTERP3D_INTERP3_HPP
 #define QZINTERP3D_INTERP3_HPP
