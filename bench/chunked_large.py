@@ -17,6 +17,7 @@ import logging
 import os
 import shutil
 import tempfile
+import threading
 import time
 
 import dask.array as da
@@ -44,6 +45,17 @@ class CountingStore(zarr.storage.DirectoryStore):
 
     def __setstate__(self, state):
         self.__init__(*state)
+
+
+def watch_memory(client, peak, done):
+    """Samples each worker's resident memory every 0.2 s until done."""
+    while not done.wait(0.2):
+        try:
+            now = client.run(lambda: __import__("psutil").Process().memory_info().rss)
+        except Exception:
+            continue
+        for worker, rss in now.items():
+            peak[worker] = max(peak.get(worker, 0), rss)
 
 
 def same_bits(a, b):
@@ -94,15 +106,19 @@ def main():
             t = time.time()
             lazy = make()
             planned = time.time() - t
+            peak, done = {}, threading.Event()
+            watcher = threading.Thread(target=watch_memory, args=(client, peak, done))
+            watcher.start()
             results[name] = client.compute(lazy).result()
+            computed = time.time() - t - planned
+            done.set()
+            watcher.join()
             with open(log) as f:
                 n_reads = len(f.read().split())
-            print(f"{name}: planned in {planned:.1f} s, computed in {time.time() - t - planned:.1f} s, "
-                  f"{lazy.numblocks} blocks, {n_reads} chunk reads")
-        peak = client.run(lambda: __import__("resource").getrusage(
-            __import__("resource").RUSAGE_SELF).ru_maxrss * 1024)
-        print("worker peak memory (MiB):", sorted(round(v / 2**20) for v in peak.values()),
-              "limit", args.memory_limit)
+            print(f"{name}: planned in {planned:.1f} s, computed in {computed:.1f} s, "
+                  f"{lazy.numblocks} blocks, {n_reads} chunk reads, workers' largest resident "
+                  f"memory seen {sorted(round(v / 2**20) for v in peak.values())} MiB "
+                  f"(limit {args.memory_limit})")
 
     t = time.time()
     whole = np.asarray(zarr.open_array(path, mode="r"))

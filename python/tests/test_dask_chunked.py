@@ -295,6 +295,17 @@ def test_interp3_reads_a_chunked_volume_by_boxes(method, dtype, max_box_chunks):
     ref.assert_same(lazy.compute(), expected)
 
 
+def test_interp3_with_coordinates_of_three_dimensions(max_box_chunks):
+    rng = np.random.default_rng(17)
+    vol = volume_of(rng, "int16", (9, 10, 30))
+    q = [a.reshape(4, 10, 33) for a in library_coordinates(rng, (30, 10, 9), np.float32, 4 * 10 * 33)]
+    expected = qz.interp3(vol, *q, fill_value=-1)
+    lazy = qzd.interp3(da.from_array(vol, chunks=4), *(da.from_array(a, chunks=(2, 3, 10)) for a in q),
+                       fill_value=-1)
+    assert lazy.chunks == ((2, 2), (3, 3, 3, 1), (33,))
+    ref.assert_same(lazy.compute(), expected)
+
+
 def test_fortran_and_reversed_numpy_inputs_keep_their_axes():
     rng = np.random.default_rng(13)
     vol = np.asfortranarray(volume_of(rng, "float32", (12, 14, 16)))
