@@ -699,8 +699,7 @@ std::vector<Tile> tiles_of(const Layout& l, int64_t points) {
   return tiles;
 }
 
-// Where an affine call's points come from and where its values go.
-// Where the coordinates of an output row come from: the affine formula.
+// Where the coordinates of an output row come from: the affine formula ...
 struct AffineSource {
   qzinterp3d::affine_map map;
   qzinterp3d::boundary mode;
@@ -751,6 +750,8 @@ struct ArraySource {
   }
 };
 
+// One resampling call, shared by its worker tasks: the grid and entry, the
+// source of each row's coordinates, the output and the tiles still to do.
 template <class Coord, class Source>
 struct ResampleJob {
   using coord_type = Coord;
@@ -857,7 +858,7 @@ void run_job(Job& job) {
   py::gil_scoped_release release;
   (void)halide_do_par_for(nullptr, &Job::task, 0, worker_count(job.tiles.size()),
                           reinterpret_cast<uint8_t*>(&job));
-  if (job.failed) throw std::runtime_error("affine resampling failed (out of memory?)");
+  if (job.failed) throw std::runtime_error("resampling failed (out of memory?)");
 }
 
 using DoubleArray = py::array_t<double, py::array::c_style | py::array::forcecast>;

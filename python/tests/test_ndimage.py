@@ -141,6 +141,28 @@ def test_rows_longer_than_a_tile_give_the_same_bits(dtype, order):
     assert_same_bits(ours, qz.map_coordinates(volume, coords, order=order, output=np.float64))
 
 
+@pytest.mark.parametrize("nx", [3, 40])  # the one-element-at-a-time path, and blocks
+@pytest.mark.parametrize("dtype", ["float32", "float64", "int16"])
+@pytest.mark.parametrize("order", ORDERS)
+def test_long_rows_split_into_pieces_keep_the_whole_rows_bits(nx, dtype, order):
+    """Rows longer than a tile are computed in pieces of multiples of 16
+    columns; interp3 computes each row in one call. Same bits, including
+    the NaN rules that depend on a point's column within its row."""
+    rng = np.random.default_rng(19)
+    volume = make_input(rng, dtype, (4, 5, nx))
+    coords = np.stack([rng.uniform(-0.5, 4, (2, 70001)), rng.uniform(-0.5, 5, (2, 70001)),
+                       rng.uniform(-0.5, nx, (2, 70001))])
+    coords[rng.integers(0, 3, 500), rng.integers(0, 2, 500), rng.integers(0, 70001, 500)] = np.nan
+    # NaNs around every place a piece can start or end, and in the last columns
+    for start in (8184, 16376, 32760, 49144, 69980):
+        coords[2, 0, start:start + 21] = np.nan
+    ours = qz.map_coordinates(volume, coords, order=order, cval=-2.0, output=np.float64)
+    prepared = _ndimage._prepare_input(volume)
+    xq, yq, zq = _ndimage._library_coordinates(prepared, coords, "constant")
+    whole_rows = qz.interp3(volume, xq, yq, zq, "nearest" if order == 0 else "linear", -2.0)
+    assert_same_bits(ours, whole_rows.astype(np.float64))
+
+
 @pytest.mark.parametrize("order", ORDERS)
 def test_one_d_outputs_are_rows_of_row_length(order):
     """A 1-D output is computed as rows of ROW_LENGTH points and one row of
