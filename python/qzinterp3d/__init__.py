@@ -5,7 +5,8 @@
 ``interp3(volume, xq, yq, zq, method="linear", fill_value=nan)`` samples a
 3-D numpy array of shape (nz, ny, nx) at 1-based query coordinates. See the
 docstrings and README.md next to this package's sources.
-``qzinterp3d.dask`` maps ``interp3`` over chunked dask arrays.
+``qzinterp3d.dask`` computes all three over chunked dask arrays, reading
+only the chunks of the volume each output block needs.
 """
 
 from ._core import ROW_LENGTH, interp3

@@ -1049,6 +1049,42 @@ py::tuple affine_coordinates(const std::vector<int32_t>& extents, const py::obje
   return f64 ? make(double{}) : make(float{});
 }
 
+// _cast_into(values, output): stores C-ordered float32 or float64 values
+// into `output` (same shape, any real dtype, any strides) with the rounding
+// and casts of integer outputs of the resampling functions.
+void cast_into(const py::array& values, const py::object& output_obj) {
+  py::array output = as_ndarray(output_obj, "output");
+  if (values.ndim() != output.ndim() ||
+      !std::equal(values.shape(), values.shape() + values.ndim(), output.shape())) {
+    throw py::value_error("output has shape " + shape_of(output) + ", expected " + shape_of(values));
+  }
+  if (!(values.flags() & py::array::c_style)) throw py::value_error("values must be C-ordered");
+  if (!output.writeable()) throw py::value_error("output is read-only");
+  require_aligned(output, "output");
+  const OutputSpec spec = output_spec(output.dtype());
+  const bool f64 = same_dtype(values.dtype(), py::dtype::of<double>());
+  if (!f64 && !same_dtype(values.dtype(), py::dtype::of<float>())) {
+    throw py::type_error("values must be float32 or float64");
+  }
+  std::vector<int64_t> shape(output.shape(), output.shape() + output.ndim());
+  std::vector<int64_t> strides(output.strides(), output.strides() + output.ndim());
+  const Layout l = layout_of(shape, strides);
+  char* out = static_cast<char*>(output.mutable_data());
+  const char* in = static_cast<const char*>(values.data());
+  const size_t size = f64 ? 8 : 4;
+  py::gil_scoped_release release;
+  for (int64_t row = 0; row < l.rows; ++row) {
+    int64_t o[3];
+    l.start(row, o);
+    const int64_t flat = (o[0] * l.shape[1] + o[1]) * l.shape[2] + o[2];
+    if (f64) {
+      store_row(reinterpret_cast<const double*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
+    } else {
+      store_row(reinterpret_cast<const float*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
+    }
+  }
+}
+
 constexpr const char* kInterp3Doc = R"doc(
 interp3(volume, xq, yq, zq, method="linear", fill_value=nan)
 
@@ -1141,4 +1177,7 @@ PYBIND11_MODULE(_core, m) {
         "_affine_coordinates(extents, matrix, offset, mode, start, stop, double)\n\n"
         "The library coordinates (xq, yq, zq) of the box [start, stop) of output indices,\n"
         "for a grid of extents (nx, ny, nz): the same bits _affine_resample computes.");
+  m.def("_cast_into", &cast_into, py::arg("values"), py::arg("output"),
+        "_cast_into(values, output)\n\nStores float32/float64 values into output the way the\n"
+        "resampling functions store theirs (qzinterp3d.dask stores its blocks with it).");
 }
