@@ -89,6 +89,11 @@ def check_installed(venv, source_root):
     check(np.array_equal(linear, np.array([[0.0, 11.5, 29.0]], np.float32)), f"linear gave {linear}")
     outside = qzinterp3d.interp3(volume, xq + 5, yq, zq, method="nearest", fill_value=-1)
     check(np.array_equal(outside, np.full((1, 3), -1, np.float32)), f"outside gave {outside}")
+    # The scipy-style calls, 0-based: a shift by whole samples reads samples.
+    shifted = qzinterp3d.affine_transform(volume, np.ones(3), offset=(1, 0, 2), output_shape=(1, 3, 3))
+    check(np.array_equal(shifted, volume[1:, :, 2:]), f"affine_transform gave {shifted}")
+    picked = qzinterp3d.map_coordinates(volume, [[0, 1], [2, 0.5], [4, 3]], order=1)
+    check(np.array_equal(picked, np.array([14.0, 20.5], np.float32)), f"map_coordinates gave {picked}")
     print(f"check_pip_package: qzinterp3d {version} imported from {package}; _core, "
           f"{' and '.join(LIBRARIES)} inside it (run paths $ORIGIN); exact values right")
 
