@@ -5,9 +5,14 @@
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 mapfile -t wanted < <(grep -vE '^\s*(#|$)' "$here/packages.txt" | awk '{print $1}')
-if [ "${1:-}" = "--with-bench" ]; then
-  mapfile -t -O "${#wanted[@]}" wanted < <(grep -vE '^\s*(#|$)' "$here/packages-bench.txt" | awk '{print $1}')
-fi
+# --with-bench, --with-aarch64: the lists packages-bench.txt, packages-aarch64.txt too.
+for option in "$@"; do
+  case "$option" in
+    --with-*)
+      mapfile -t -O "${#wanted[@]}" wanted < <(grep -vE '^\s*(#|$)' "$here/packages-${option#--with-}.txt" | awk '{print $1}')
+      ;;
+  esac
+done
 missing=()
 for p in "${wanted[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -2,9 +2,10 @@
 # The whole test suite, from a fresh clone: installs the Debian packages that
 # are missing (scripts/packages.txt), builds in Release, runs the sanitizer
 # builds and a short fuzz run (scripts/sanitizers.sh, scripts/fuzz.sh), the
-# pip-installed package in a fresh venv (scripts/test-pip-package.sh), then
-# every test through ctest (C++ and Python), last, so its summary closes the
-# output. Safe to run again.
+# pip-installed package in a fresh venv (scripts/test-pip-package.sh), the
+# C++ suite for aarch64 under emulation (scripts/test-aarch64.sh, on x86-64),
+# then every test through ctest (C++ and Python), last, so its summary closes
+# the output. Safe to run again.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${QZINTERP3D_BUILD_DIR:-$root/build}
@@ -23,6 +24,13 @@ done
 
 echo "== pip package"
 bash "$root/scripts/test-pip-package.sh"
+
+# The suite for aarch64, cross-built and run under emulation (on an aarch64
+# machine the build above is native already).
+if [ "$(uname -m)" = x86_64 ]; then
+  echo "== aarch64 (emulated)"
+  QZINTERP3D_BUILD_DIR="$build" bash "$root/scripts/test-aarch64.sh"
+fi
 
 echo "== tests"
 ctest --test-dir "$build" --output-on-failure -j"$jobs"

@@ -550,7 +550,7 @@ TYPED_TEST(CoherentPoints, OutsideLastAndSpecialLanesInsideCoherentGroups) {
         g.scene.coord(Axis::y, 20, r) = Lim::infinity();
         g.scene.coord(Axis::z, 37, r) = -Lim::infinity();
         g.scene.coord(Axis::y, 50, r) = Lim::quiet_NaN();
-        for (const Axis a : {Axis::x, Axis::y, Axis::z}) g.scene.coord(a, 60, r) = Lim::quiet_NaN();
+        for (const Axis a : kAxes) g.scene.coord(a, 60, r) = Lim::quiet_NaN();
       }
       expect_model(g.scene, 1.5, "with NaN and infinite lanes");
     }

@@ -6,10 +6,7 @@
 #include <cfenv>
 #include <cmath>
 #include <limits>
-#if defined(__x86_64__)
-#include <xmmintrin.h>
-#endif
-
+#include "support/fp_control.h"
 #include "support/kernel_sets.h"
 #include "support/pool.h"
 #include "support/scene.h"
@@ -271,30 +268,30 @@ class CallerFpState {
  public:
   CallerFpState(int rounding, bool flush_denormals) : saved_rounding_(std::fegetround()) {
     std::fesetround(rounding);
-#if defined(__x86_64__)
-    saved_csr_ = _mm_getcsr();
-    if (flush_denormals) _mm_setcsr(saved_csr_ | 0x8040u);  // FTZ and DAZ
+#if defined(QZ_TEST_FP_CONTROL)
+    saved_control_ = fp_control::control_bits();
+    if (flush_denormals) fp_control::set_flush_to_zero();
 #else
     (void)flush_denormals;
 #endif
   }
   ~CallerFpState() {
-#if defined(__x86_64__)
-    _mm_setcsr(saved_csr_);
+#if defined(QZ_TEST_FP_CONTROL)
+    fp_control::set(saved_control_);
 #endif
     std::fesetround(saved_rounding_);
   }
-  static unsigned control_word() {
-#if defined(__x86_64__)
-    return _mm_getcsr() & ~0x3Fu;  // without the sticky exception flags
+  static uint64_t control_word() {
+#if defined(QZ_TEST_FP_CONTROL)
+    return fp_control::control_bits();
 #else
-    return static_cast<unsigned>(std::fegetround());
+    return static_cast<uint64_t>(std::fegetround());
 #endif
   }
 
  private:
   int saved_rounding_;
-  unsigned saved_csr_ = 0;
+  uint64_t saved_control_ = 0;
 };
 
 TYPED_TEST(Entry, CallersFloatingPointStateDoesNotChangeResults) {
@@ -323,7 +320,7 @@ TYPED_TEST(Entry, CallersFloatingPointStateDoesNotChangeResults) {
         SCOPED_TRACE("nx " + std::to_string(nx) + " rounding " + std::to_string(rounding) +
                      (flush ? " flushing denormals" : ""));
         auto scene = make();
-        unsigned before = 0, after = 0;
+        uint64_t before = 0, after = 0;
         {
           CallerFpState state(rounding, flush);
           before = CallerFpState::control_word();

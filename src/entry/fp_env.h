@@ -6,6 +6,9 @@
 #if defined(__x86_64__) || (defined(__i386__) && defined(__SSE2__))
 #include <xmmintrin.h>
 #define QZ_FP_ENV_MXCSR 1
+#elif defined(__aarch64__)
+#include <cstdint>
+#define QZ_FP_ENV_FPCR 1
 #else
 #include <cfenv>
 #endif
@@ -22,6 +25,27 @@ class DefaultFpEnv {
 
  private:
   unsigned saved_;
+#elif defined(QZ_FP_ENV_FPCR)
+  // FPCR all zero: round to nearest (RMode, bits 22-23), no flush-to-zero
+  // (FZ, bit 24; FZ16, bit 19), no default NaN (DN, bit 25), every
+  // exception trap disabled.
+  static constexpr uint64_t kDefaultFpcr = 0;
+  DefaultFpEnv() : saved_(read_fpcr()) {
+    // Writing FPCR may synchronise the pipeline: only when it changes.
+    if (saved_ != kDefaultFpcr) write_fpcr(kDefaultFpcr);
+  }
+  ~DefaultFpEnv() {
+    if (saved_ != kDefaultFpcr) write_fpcr(saved_);
+  }
+
+ private:
+  static uint64_t read_fpcr() {
+    uint64_t v;
+    __asm__ __volatile__("mrs %0, fpcr" : "=r"(v) : : "memory");
+    return v;
+  }
+  static void write_fpcr(uint64_t v) { __asm__ __volatile__("msr fpcr, %0" : : "r"(v) : "memory"); }
+  uint64_t saved_;
 #else
   DefaultFpEnv() {
     std::fegetenv(&saved_);

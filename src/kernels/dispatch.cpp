@@ -9,6 +9,12 @@
 #include "kernels/x86/x86_kernels.h"
 #define QZ_HAVE_X86_KERNELS 1
 #endif
+#if defined(__aarch64__)
+#include <sys/auxv.h>
+
+#include "kernels/arm/arm_kernels.h"
+#define QZ_HAVE_ARM_KERNELS 1
+#endif
 
 namespace qzinterp3d {
 namespace {
@@ -31,6 +37,11 @@ bool cpu_has_avx512() {
 }
 #endif
 
+#if defined(QZ_HAVE_ARM_KERNELS)
+// AdvSIMD as the operating system reports it (aarch64 Linux CPUs have it).
+bool cpu_has_neon() { return (getauxval(AT_HWCAP) & HWCAP_ASIMD) != 0; }
+#endif
+
 struct Registry {
   KernelSetEntry entries[kMaxKernelSets];
   int count = 0;
@@ -40,6 +51,9 @@ struct Registry {
     entries[count++] = {&fma128_kernel_set(), cpu_has_fma128()};
     entries[count++] = {&avx2_kernel_set(), cpu_has_avx2()};
     entries[count++] = {&avx512_kernel_set(), cpu_has_avx512()};
+#endif
+#if defined(QZ_HAVE_ARM_KERNELS)
+    entries[count++] = {&neon_kernel_set(), cpu_has_neon()};
 #endif
   }
 };

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "kernels/dispatch.h"
+#include "support/kernel_sets.h"
 #include "support/random_inputs.h"
 #include "support/reference.h"
 #include "support/test_buffer.h"
@@ -186,6 +187,7 @@ void for_each_supported_kernel_set(Body&& body) {
     ASSERT_TRUE(qzinterp3d::force_kernel_set(e.set->name));
     body(e.set->name);
     ++run;
+    ++qztest::bodies_run_per_set()[e.set->name];
     if (::testing::Test::HasFatalFailure()) break;
   }
   EXPECT_GE(run, 1);

@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
+#include <map>
 #include <string>
 
 #include "kernels/dispatch.h"
@@ -22,6 +24,23 @@ inline std::atomic<uint64_t>& pool_rows_sent() {
 inline void note_pool_rows(int64_t rows) {
   if (rows > 0) pool_rows_sent() += static_cast<uint64_t>(rows);
 }
+
+// Test bodies run with each kernel set forced, printed when the tests end,
+// so a run shows that every set this CPU has was tested, and how much.
+inline std::map<std::string, int>& bodies_run_per_set() {
+  static std::map<std::string, int> counts;
+  return counts;
+}
+class KernelSetTally : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    for (const auto& [name, count] : bodies_run_per_set()) {
+      std::printf("kernel set %s: %d test bodies run\n", name.c_str(), count);
+    }
+  }
+};
+inline const bool kernel_set_tally_registered =
+    (::testing::AddGlobalTestEnvironment(new KernelSetTally), true);
 
 // The active set is restored afterwards: every set gives the same bits, but
 // later tests should start from the process's own choice.
@@ -41,6 +60,7 @@ void for_each_kernel_set(Body&& body) {
     EXPECT_EQ(qzinterp3d::rows_run_by(entry.set->name) - rows_before, pool_rows_sent().load())
         << "the forced kernel set did not run exactly the rows sent to the pool";
     ++sets_run;
+    ++bodies_run_per_set()[entry.set->name];
     if (::testing::Test::HasFatalFailure()) break;
   }
   EXPECT_GE(sets_run, 1);

@@ -34,6 +34,9 @@ struct Shape {
 };
 
 enum class Axis { x, y, z };
+// Every axis, as a named array (GCC 12 for aarch64 warns falsely about a
+// braced list looped over inside a loop).
+inline constexpr Axis kAxes[] = {Axis::x, Axis::y, Axis::z};
 
 template <Method M, class S>
 class Scene {
