@@ -251,18 +251,21 @@ def _partition(q, geometry, plan, grid, method):
     width, column = _point_geometry(block_shape, block_start, whole_shape)
     kinds = _boxes.point_kinds(grid, method, width.ravel(), column.ravel())
     lower, _, needed = _boxes.cells(grid, flat)
-    keys = _group_keys(grid, lower)
-    done = ~needed
-    parts = {}
-    for key in plan.groups:
-        mine = needed & np.all(keys == np.asarray(key), axis=-1)
-        if not parts:
-            mine |= ~needed
-        done |= mine
-        which = np.flatnonzero(mine)
-        parts[key] = (which, [a[which] for a in flat], kinds[which])
-    if not np.all(done):
+    # Each point's place in plan.groups (the first group for points outside
+    # the volume), found once for all points, then the points sorted by it.
+    place_of = {key: g for g, key in enumerate(plan.groups)}
+    found, inverse = np.unique(_group_keys(grid, lower)[needed], axis=0, return_inverse=True)
+    places = [place_of.get(tuple(int(v) for v in key), -1) for key in found]
+    if -1 in places:
         raise RuntimeError("qzinterp3d.dask: a block's points fall in chunks it did not read")
+    group = np.zeros(flat[0].shape, np.int64)
+    group[needed] = np.asarray(places, np.int64)[inverse.ravel()]
+    order = np.argsort(group, kind="stable")
+    bounds = np.searchsorted(group[order], np.arange(len(plan.groups) + 1))
+    parts = {}
+    for g, key in enumerate(plan.groups):
+        which = order[bounds[g]: bounds[g + 1]]
+        parts[key] = (which, [a[which] for a in flat], kinds[which])
     return parts
 
 

@@ -550,28 +550,24 @@ uint16_t to_half(double t) {
   return static_cast<uint16_t>(sign | (((e + 14) << 10) + (static_cast<int>(m) - 1024)));
 }
 
-struct OutputSpec {
-  OutKind kind;
-  int itemsize;
-};
-
-OutputSpec output_spec(const py::dtype& dt) {
+// How values are stored into an output of dtype `dt`.
+OutKind output_kind(const py::dtype& dt) {
   const char kind = dt.kind();
   const int size = static_cast<int>(dt.itemsize());
   const bool native = same_dtype(dt, py::dtype(dt.attr("newbyteorder")("=")));
   if (native) {
-    if (kind == 'f' && size == 2) return {OutKind::f16, 2};
-    if (kind == 'f' && size == 4) return {OutKind::f32, 4};
-    if (kind == 'f' && size == 8) return {OutKind::f64, 8};
-    if (kind == 'i' && size == 1) return {OutKind::i8, 1};
-    if (kind == 'i' && size == 2) return {OutKind::i16, 2};
-    if (kind == 'i' && size == 4) return {OutKind::i32, 4};
-    if (kind == 'i' && size == 8) return {OutKind::i64, 8};
-    if (kind == 'u' && size == 1) return {OutKind::u8, 1};
-    if (kind == 'u' && size == 2) return {OutKind::u16, 2};
-    if (kind == 'u' && size == 4) return {OutKind::u32, 4};
-    if (kind == 'u' && size == 8) return {OutKind::u64, 8};
-    if (kind == 'b' && size == 1) return {OutKind::boolean, 1};
+    if (kind == 'f' && size == 2) return OutKind::f16;
+    if (kind == 'f' && size == 4) return OutKind::f32;
+    if (kind == 'f' && size == 8) return OutKind::f64;
+    if (kind == 'i' && size == 1) return OutKind::i8;
+    if (kind == 'i' && size == 2) return OutKind::i16;
+    if (kind == 'i' && size == 4) return OutKind::i32;
+    if (kind == 'i' && size == 8) return OutKind::i64;
+    if (kind == 'u' && size == 1) return OutKind::u8;
+    if (kind == 'u' && size == 2) return OutKind::u16;
+    if (kind == 'u' && size == 4) return OutKind::u32;
+    if (kind == 'u' && size == 8) return OutKind::u64;
+    if (kind == 'b' && size == 1) return OutKind::boolean;
   }
   throw py::type_error("output has dtype " + str_of(dt) +
                        "; expected a real dtype in native byte order: float16, float32, "
@@ -759,7 +755,7 @@ struct ResampleJob {
   Source source;
   Layout layout;
   char* output;
-  OutputSpec spec;
+  OutKind out_kind;
   bool direct;  // a C-ordered output of the coordinate dtype: entries write it in place
   std::vector<Tile> tiles;
   std::atomic<size_t> next{0};
@@ -805,7 +801,7 @@ struct ResampleJob {
       layout.start(t.first_row + r, o);
       o[2] += t.col;
       store_row<Coord>(outs + static_cast<size_t>(r) * width + static_cast<size_t>(lead), t.cols,
-                       output + layout.byte_offset(o), layout.strides[2], spec.kind);
+                       output + layout.byte_offset(o), layout.strides[2], out_kind);
     }
   }
 
@@ -884,7 +880,7 @@ Layout layout_of(const py::array& a) {
 // a tile of whole rows at a time, on the Halide runtime's thread pool.
 template <class Source>
 void resample(const Call& call, const Source& source, py::array& output) {
-  const OutputSpec spec = output_spec(output.dtype());
+  const OutKind out_kind = output_kind(output.dtype());
   const Layout layout = layout_of(output);
   if (layout.total == 0) return;
   const bool c_ordered = (output.flags() & py::array::c_style) != 0;
@@ -895,8 +891,8 @@ void resample(const Call& call, const Source& source, py::array& output) {
     job.source = source;
     job.layout = layout;
     job.output = static_cast<char*>(output.mutable_data());
-    job.spec = spec;
-    job.direct = c_ordered && spec.kind == (sizeof(Coord) == 8 ? OutKind::f64 : OutKind::f32);
+    job.out_kind = out_kind;
+    job.direct = c_ordered && out_kind == (sizeof(Coord) == 8 ? OutKind::f64 : OutKind::f32);
     job.tiles = tiles_of(layout, kTileBytes / (4 * static_cast<int64_t>(sizeof(Coord))));
     run_job(job);
   };
@@ -1061,7 +1057,7 @@ void cast_into(const py::array& values, const py::object& output_obj) {
   if (!(values.flags() & py::array::c_style)) throw py::value_error("values must be C-ordered");
   if (!output.writeable()) throw py::value_error("output is read-only");
   require_aligned(output, "output");
-  const OutputSpec spec = output_spec(output.dtype());
+  const OutKind out_kind = output_kind(output.dtype());
   const bool f64 = same_dtype(values.dtype(), py::dtype::of<double>());
   if (!f64 && !same_dtype(values.dtype(), py::dtype::of<float>())) {
     throw py::type_error("values must be float32 or float64");
@@ -1078,9 +1074,9 @@ void cast_into(const py::array& values, const py::object& output_obj) {
     l.start(row, o);
     const int64_t flat = (o[0] * l.shape[1] + o[1]) * l.shape[2] + o[2];
     if (f64) {
-      store_row(reinterpret_cast<const double*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
+      store_row(reinterpret_cast<const double*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], out_kind);
     } else {
-      store_row(reinterpret_cast<const float*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], spec.kind);
+      store_row(reinterpret_cast<const float*>(in + flat * size), l.length(row), out + l.byte_offset(o), l.strides[2], out_kind);
     }
   }
 }
