@@ -385,6 +385,42 @@ TYPED_TEST(CoherentPoints, ScatteredPointsAreGathered) {
   });
 }
 
+// Gathered lanes at a row's first and last samples, in every alignment of
+// the rows' first samples: narrow samples are read as the words that hold
+// them, which must stay inside the row (the grid's ends are guard pages)
+// and keep each lane's own sample.
+TYPED_TEST(CoherentPoints, GatheredLanesAtRowEndsInEveryAlignment) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  std::mt19937_64 rng(74);
+  for_each_kernel_set([&] {
+    const WideGroups w = wide_groups_of_active_set<M, S>();
+    for (const int32_t nx : {W + 1, W + 2, W + 3, 37}) {
+      const double ends[] = {1,        1.25,     2,        2.5,      3,         3.75,      4,
+                             nx - 3.0, nx - 2.5, nx - 1.5, nx - 1.0, nx - 0.25, double(nx)};
+      for (int32_t pad = 0; pad < 4; ++pad) {
+        const Layout l = padded(nx, 7, 5, pad, pad);
+        for (const bool at_end : {false, true}) {
+          GuardedScene<M, S> g(l, 64, 2, at_end);
+          fill_random(g.grid, rng);
+          for (int64_t r = 0; r < 2; ++r) {
+            for (int64_t c = 0; c < 64; ++c) {
+              g.scene.set_point(c, r, C(ends[rng() % std::size(ends)]), random_coord<C>(rng, l.ny),
+                                random_coord<C>(rng, l.nz));
+            }
+          }
+          const qzinterp3d::WindowGroups before = qzinterp3d::window_groups();
+          expect_model(
+              g.scene, -1.0,
+              describe(l) + (at_end ? " against the upper page" : " against the lower page"));
+          // Scattered rows: windows may serve the odd short group by chance.
+          const uint64_t gathered = qzinterp3d::window_groups().gathered - before.gathered;
+          EXPECT_GE(gathered, wide_groups_in(g.scene, w.lanes) / 2);
+        }
+      }
+    }
+  });
+}
+
 // A row that starts with scattered points and goes on coherently: the
 // scattered start is gathered, and sets off a run of gathered groups, after
 // which windows serve the rest of the row again.

@@ -18,9 +18,11 @@
 //   the grid fits in 31 bits (offsets_fit_in_32_bits), where 32-bit
 //   arithmetic gives the same offsets as 64-bit arithmetic.
 // Optionally (has_x_pair_gather), gather_x_pairs<Sample>(base, offsets, p,
-//   first, second): the samples at offsets and offsets + 1 of each lane,
+//   nx, first, second): the samples at offsets and offsets + 1 of each lane,
 //   where p is the lane's x index (0 <= p <= nx - 2), so both lie in the row.
-//   With single_samples_in_pairs, nearest reads narrow samples that way too.
+//   With gather_narrow_singles<Sample>(base, offsets, x, nx), nearest reads
+//   8- and 16-bit samples as the 32-bit words that hold them (x is the
+//   lane's x index), one gather for all lanes.
 // Optionally (has_window_loads, with offset vectors), reads of `lanes`
 //   consecutive samples handed out to the lanes by permutes (see Windows):
 //   IndexMask with bits / mask_of_bits, sub_index, clamp_index(i, lo, hi),
@@ -58,9 +60,11 @@ template <class Ops>
 concept HasWindowLoads = Ops::has_window_loads;
 
 // Where a hardware gather of 32-bit words is the way to read narrow samples,
-// a single sample is best read as part of a pair too.
+// a single sample is read as part of a word too.
 template <class Ops>
-concept ReadsSinglesInPairs = HasXPairGather<Ops> && Ops::single_samples_in_pairs;
+concept GathersNarrowSingles = requires(typename Ops::Index i) {
+  Ops::template gather_narrow_singles<uint8_t>(nullptr, i, i, 0);
+};
 
 // What a row kernel works out once per row.
 struct RowPlan {
@@ -302,13 +306,8 @@ struct GroupKernel {
 
   // The sample at row + ix of each lane, by gathering (offset vectors).
   static inline V gather_sample(const Grid<Sample>& g, Index row, Index ix) {
-    if constexpr (ReadsSinglesInPairs<Ops> && sizeof(Sample) < 4) {
-      // Narrow samples are read in pairs (see gather_pair): at
-      // p = min(ix, nx - 2), keeping the one at ix.
-      const Index p = Ops::min_index(ix, last_index(g.nx) - 1);
-      V first, second;
-      Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
-      return Ops::select_by_index_mask(Ops::index_gt(ix, p), second, first);
+    if constexpr (GathersNarrowSingles<Ops> && sizeof(Sample) < 4) {
+      return Ops::template gather_narrow_singles<Sample>(g.host, Ops::add_index(row, ix), ix, g.nx);
     } else {
       return Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
     }
@@ -323,7 +322,7 @@ struct GroupKernel {
       // nx > W >= 2), so every read stays in the row.
       const Index p = Ops::min_index(ix0, last_index(g.nx) - 1);
       V first, second;
-      Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, first, second);
+      Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, g.nx, first, second);
       lower = Ops::select_by_index_mask(Ops::index_gt(ix0, p), second, first);
       upper = Ops::select_by_index_mask(Ops::index_gt(ix1, p), second, first);
     } else {

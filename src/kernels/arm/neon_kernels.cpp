@@ -123,7 +123,8 @@ struct NeonOps<float> {
   static constexpr bool has_x_pair_gather = true;
   static constexpr bool single_samples_in_pairs = false;
   template <class Sample>
-  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, V& first, V& second) {
+  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
+                             V& second) {
     alignas(16) int32_t o[4];
     vst1q_s32(o, offsets);
     if constexpr (sizeof(Sample) == 4) {
@@ -227,7 +228,8 @@ struct NeonOps<double> {
   static constexpr bool has_x_pair_gather = true;
   static constexpr bool single_samples_in_pairs = false;
   template <class Sample>
-  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, V& first, V& second) {
+  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
+                             V& second) {
     static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
     const float64x2_t lane0 = vld1q_f64(b + vget_lane_s32(offsets, 0));
     const float64x2_t lane1 = vld1q_f64(b + vget_lane_s32(offsets, 1));

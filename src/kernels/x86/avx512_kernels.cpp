@@ -4,6 +4,7 @@
 #include <immintrin.h>
 
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "kernels/blend.h"
@@ -16,7 +17,8 @@
 
 // GCC and clang each mark the region's functions for the instruction set.
 #if defined(__clang__)
-#pragma clang attribute push(__attribute__((target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma"))), apply_to = function)
+#pragma clang attribute push( \
+    __attribute__((target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma"))), apply_to = function)
 #else
 #pragma GCC push_options
 #pragma GCC target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma")
@@ -31,10 +33,9 @@
 
 #define QZ_TARGET_NS avx512
 
+#include "kernels/row_kernel-inl.h"
 #include "kernels/x86/ops128-inl.h"
 #include "kernels/x86/ops512-inl.h"
-
-#include "kernels/row_kernel-inl.h"
 
 #pragma GCC diagnostic pop
 #if defined(__clang__)
@@ -48,6 +49,12 @@ namespace qzinterp3d {
 const KernelSet& avx512_kernel_set() {
   static constexpr KernelSet set =
       avx512::make_kernel_set<avx512::Ops512, avx512::Ops128>("avx512");
+  return set;
+}
+
+const KernelSet& avx512_loads_kernel_set() {
+  static constexpr KernelSet set =
+      avx512::make_kernel_set<avx512::Ops512Loads, avx512::Ops128>("avx512_loads");
   return set;
 }
 

@@ -102,7 +102,8 @@ struct Ops256<float> {
   // used; a single sample is read alone.
   static constexpr bool single_samples_in_pairs = false;
   template <class Sample>
-  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, V& first, V& second) {
+  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
+                             V& second) {
     alignas(32) int32_t o[8];
     _mm256_store_si256(reinterpret_cast<__m256i*>(o), offsets);
     if constexpr (sizeof(Sample) == 4) {
@@ -218,10 +219,10 @@ struct Ops256<float> {
     if constexpr (std::is_same_v<Sample, float>) {
       return _mm256_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]]);
     } else {
-      const __m256i v = _mm256_setr_epi32(
-          static_cast<int>(b[o[0]]), static_cast<int>(b[o[1]]), static_cast<int>(b[o[2]]),
-          static_cast<int>(b[o[3]]), static_cast<int>(b[o[4]]), static_cast<int>(b[o[5]]),
-          static_cast<int>(b[o[6]]), static_cast<int>(b[o[7]]));
+      const __m256i v = _mm256_setr_epi32(static_cast<int>(b[o[0]]), static_cast<int>(b[o[1]]),
+                                          static_cast<int>(b[o[2]]), static_cast<int>(b[o[3]]),
+                                          static_cast<int>(b[o[4]]), static_cast<int>(b[o[5]]),
+                                          static_cast<int>(b[o[6]]), static_cast<int>(b[o[7]]));
       if constexpr (std::is_same_v<Sample, uint32_t>) {
         return unsigned_to_coord(v);
       } else {
@@ -279,7 +280,9 @@ struct Ops256<double> {
   static Mask and_le(Mask m, V a, V b) { return _mm256_and_pd(m, _mm256_cmp_pd(a, b, _CMP_LE_OQ)); }
   static bool all_set(Mask m) { return _mm256_movemask_pd(m) == 0xF; }
   static V to_coord(Index i) { return _mm256_cvtepi32_pd(i); }
-  static void store_index(int32_t* p, Index i) { _mm_store_si128(reinterpret_cast<__m128i*>(p), i); }
+  static void store_index(int32_t* p, Index i) {
+    _mm_store_si128(reinterpret_cast<__m128i*>(p), i);
+  }
 
   // Offsets in four 32-bit lanes, read with scalar loads as Ops256<float>.
   static constexpr bool has_offset_vectors = true;
@@ -306,7 +309,8 @@ struct Ops256<double> {
   // Both x corners of a lane from one 16-byte load.
   static constexpr bool has_x_pair_gather = true;
   template <class Sample>
-  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, V& first, V& second) {
+  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
+                             V& second) {
     static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
     alignas(16) int32_t o[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(o), offsets);

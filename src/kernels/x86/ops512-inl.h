@@ -100,7 +100,6 @@ struct Ops512<float> {
   }
 
   static constexpr bool has_x_pair_gather = true;
-  static constexpr bool single_samples_in_pairs = true;
   using IndexMask = __mmask16;
   static Index min_index(Index a, int32_t hi) { return _mm512_min_epi32(a, _mm512_set1_epi32(hi)); }
   static IndexMask index_gt(Index a, Index b) { return _mm512_cmpgt_epi32_mask(a, b); }
@@ -109,7 +108,8 @@ struct Ops512<float> {
   }
 
   template <class Sample>
-  static void gather_x_pairs(const Sample* b, Index offsets, Index p, V& first, V& second) {
+  static void gather_x_pairs(const Sample* b, Index offsets, Index p, int32_t nx, V& first,
+                             V& second) {
     if constexpr (sizeof(Sample) == 4) {
       // Eight 64-bit pairs per gather, then even and odd words apart.
       const __m512i lanes0to7 = _mm512_i32gather_epi64(_mm512_castsi512_si256(offsets), b, 4);
@@ -131,9 +131,13 @@ struct Ops512<float> {
         second = _mm512_cvtepi32_ps(_mm512_srli_epi32(w, 16));
       }
     } else {
-      // Four bytes starting up to two before p: with nx > 16 they all lie in
-      // the row. `back` is where sample p sits in the word.
-      const __m512i back = _mm512_min_epi32(p, _mm512_set1_epi32(2));
+      // Four bytes holding p and p + 1: the aligned word that holds p where
+      // p + 1 is in it too and the word lies in the row, since an aligned
+      // word never straddles two cache lines (which would double the lines
+      // a gather waits for). `back` is where sample p sits in the word.
+      const __m512i back = _mm512_max_epi32(
+          _mm512_min_epi32(_mm512_min_epi32(misalignment(b, offsets), p), _mm512_set1_epi32(2)),
+          _mm512_sub_epi32(p, _mm512_set1_epi32(nx - 4)));
       const __m512i w = _mm512_i32gather_epi32(_mm512_sub_epi32(offsets, back), b, 1);
       const __m512i bits = _mm512_slli_epi32(back, 3);
       // Move sample p to the top byte, then shift down with its sign or not.
@@ -141,14 +145,43 @@ struct Ops512<float> {
           _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(24), bits));
       const __m512i at_top_second =
           _mm512_sllv_epi32(w, _mm512_sub_epi32(_mm512_set1_epi32(16), bits));
-      if constexpr (std::is_signed_v<Sample>) {
-        first = _mm512_cvtepi32_ps(_mm512_srai_epi32(at_top_first, 24));
-        second = _mm512_cvtepi32_ps(_mm512_srai_epi32(at_top_second, 24));
-      } else {
-        first = _mm512_cvtepi32_ps(_mm512_srli_epi32(at_top_first, 24));
-        second = _mm512_cvtepi32_ps(_mm512_srli_epi32(at_top_second, 24));
-      }
+      first = top_byte<Sample>(at_top_first);
+      second = top_byte<Sample>(at_top_second);
     }
+  }
+
+  // Where the bytes at offsets sit in their aligned 4-byte words.
+  template <class Sample>
+  static __m512i misalignment(const Sample* b, Index offsets) {
+    const int32_t base = static_cast<int32_t>(reinterpret_cast<uintptr_t>(b) & 3);
+    const __m512i bytes = sizeof(Sample) == 1 ? offsets : _mm512_add_epi32(offsets, offsets);
+    return _mm512_and_si512(_mm512_add_epi32(bytes, _mm512_set1_epi32(base)), _mm512_set1_epi32(3));
+  }
+  template <class Sample>
+  static V top_byte(__m512i w) {
+    return _mm512_cvtepi32_ps(std::is_signed_v<Sample> ? _mm512_srai_epi32(w, 24)
+                                                       : _mm512_srli_epi32(w, 24));
+  }
+
+  // One 8- or 16-bit sample per lane (x its index in the row), read as the
+  // aligned word that holds it, or, at the row's ends, the word moved into
+  // the row (nx > 16 bytes): no read straddles two cache lines, where the
+  // row does not.
+  template <class Sample>
+  static V gather_narrow_singles(const Sample* b, Index offsets, Index x, int32_t nx) {
+    constexpr int32_t per_word = 4 / sizeof(Sample);
+    const __m512i in_word = sizeof(Sample) == 1 ? misalignment(b, offsets)
+                                                : _mm512_srli_epi32(misalignment(b, offsets), 1);
+    const __m512i back = _mm512_max_epi32(_mm512_min_epi32(in_word, x),
+                                          _mm512_sub_epi32(x, _mm512_set1_epi32(nx - per_word)));
+    const __m512i w = _mm512_i32gather_epi32(_mm512_sub_epi32(offsets, back), b, sizeof(Sample));
+    // The sample to the top, then down with its sign or not.
+    constexpr int32_t top = 32 - 8 * static_cast<int32_t>(sizeof(Sample));
+    const __m512i at_top = _mm512_sllv_epi32(
+        w, _mm512_sub_epi32(_mm512_set1_epi32(top),
+                            _mm512_slli_epi32(back, sizeof(Sample) == 1 ? 3 : 4)));
+    return _mm512_cvtepi32_ps(std::is_signed_v<Sample> ? _mm512_srai_epi32(at_top, top)
+                                                       : _mm512_srli_epi32(at_top, top));
   }
 
   // Windows: sixteen consecutive samples by one load, handed out by
@@ -267,6 +300,10 @@ struct Ops512<double> {
   template <class Sample>
   static V gather(const Sample* b, const int64_t* o) {
     static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
+    return from_lanes(b, o);
+  }
+  template <class Sample, class Offset>
+  static V from_lanes(const Sample* b, const Offset* o) {
     return _mm512_setr_pd(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]]);
   }
 
@@ -335,6 +372,72 @@ struct Ops512<double> {
   }
   static V permute_into(V dst, IndexMask m, V window, Index rel) {
     return _mm512_mask_permutexvar_pd(dst, m, _mm512_cvtepu32_epi64(rel), window);
+  }
+};
+
+// The same operations reading samples with scalar loads instead of
+// hardware gathers: on CPUs whose gathers are slow (see dispatch.cpp) sixteen
+// loads, or sixteen loads of x pairs, cost less than one gather.
+template <class C>
+struct Ops512Loads : Ops512<C> {
+  using Base = Ops512<C>;
+  using typename Base::Index;
+  using typename Base::V;
+  static constexpr bool single_samples_in_pairs = false;
+
+  template <class Sample>
+  static V gather_offsets(const Sample* b, Index offsets) {
+    alignas(64) int32_t o[Base::lanes];
+    Base::store_index(o, offsets);
+    return Base::from_lanes(b, o);
+  }
+
+  template <class Sample>
+  static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
+                             V& second) requires(std::is_same_v<C, float>) {
+    alignas(64) int32_t o[16];
+    Base::store_index(o, offsets);
+    if constexpr (sizeof(Sample) == 4) {
+      // Lanes l and l + 1 as two 64-bit pairs, then even and odd words apart.
+      auto pairs = [&](int l) {
+        const __m128i low = _mm_loadl_epi64(reinterpret_cast<const __m128i*>(b + o[l]));
+        return _mm_castpd_si128(
+            _mm_loadh_pd(_mm_castsi128_pd(low), reinterpret_cast<const double*>(b + o[l + 1])));
+      };
+      auto four = [&](int l) {
+        return _mm256_inserti128_si256(_mm256_castsi128_si256(pairs(l)), pairs(l + 2), 1);
+      };
+      const __m512i lanes0to7 = _mm512_inserti64x4(_mm512_castsi256_si512(four(0)), four(4), 1);
+      const __m512i lanes8to15 = _mm512_inserti64x4(_mm512_castsi256_si512(four(8)), four(12), 1);
+      const __m512i even =
+          _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+      const __m512i odd =
+          _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+      first = Base::template convert_words<Sample>(
+          _mm512_permutex2var_epi32(lanes0to7, even, lanes8to15));
+      second = Base::template convert_words<Sample>(
+          _mm512_permutex2var_epi32(lanes0to7, odd, lanes8to15));
+    } else {
+      // Both samples in one word, p in its low half; extended by their type.
+      using Word = std::conditional_t<sizeof(Sample) == 2, uint32_t, uint16_t>;
+      auto at = [&](int l) {
+        Word w;
+        std::memcpy(&w, b + o[l], sizeof w);
+        return static_cast<int>(w);
+      };
+      const __m512i w =
+          _mm512_setr_epi32(at(0), at(1), at(2), at(3), at(4), at(5), at(6), at(7), at(8), at(9),
+                            at(10), at(11), at(12), at(13), at(14), at(15));
+      constexpr int bits = 8 * sizeof(Sample);
+      if constexpr (std::is_signed_v<Sample>) {
+        first = _mm512_cvtepi32_ps(_mm512_srai_epi32(_mm512_slli_epi32(w, 32 - bits), 32 - bits));
+        second =
+            _mm512_cvtepi32_ps(_mm512_srai_epi32(_mm512_slli_epi32(w, 32 - 2 * bits), 32 - bits));
+      } else {
+        first = _mm512_cvtepi32_ps(_mm512_and_si512(w, _mm512_set1_epi32((1 << bits) - 1)));
+        second = _mm512_cvtepi32_ps(_mm512_srli_epi32(w, bits));
+      }
+    }
   }
 };
 

@@ -13,4 +13,7 @@ const KernelSet& avx2_kernel_set();
 // 64-byte vectors for full blocks; needs AVX-512 F, DQ, BW and VL.
 const KernelSet& avx512_kernel_set();
 
+// The same, reading samples with scalar loads instead of hardware gathers.
+const KernelSet& avx512_loads_kernel_set();
+
 }  // namespace qzinterp3d
