@@ -4,6 +4,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#if defined(__x86_64__) || defined(__i386__)
+#include <cpuid.h>
+#endif
+
 #include "kernels/portable/portable_kernels.h"
 #if defined(__x86_64__) || defined(__i386__)
 #include "kernels/x86/x86_kernels.h"
@@ -19,9 +23,21 @@
 namespace qzinterp3d {
 namespace {
 
-constexpr int kMaxKernelSets = 4;
+constexpr int kMaxKernelSets = 5;
 
 #if defined(QZ_HAVE_X86_KERNELS)
+CpuTraits::Vendor vendor_of_cpuid() {
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  if (!__get_cpuid(0, &eax, &ebx, &ecx, &edx)) return CpuTraits::Vendor::other;
+  char name[13] = {};
+  std::memcpy(name, &ebx, 4);
+  std::memcpy(name + 4, &edx, 4);
+  std::memcpy(name + 8, &ecx, 4);
+  if (std::strcmp(name, "AuthenticAMD") == 0) return CpuTraits::Vendor::amd;
+  if (std::strcmp(name, "GenuineIntel") == 0) return CpuTraits::Vendor::intel;
+  return CpuTraits::Vendor::other;
+}
+
 bool cpu_has_fma128() {
   __builtin_cpu_init();
   return __builtin_cpu_supports("sse4.1") && __builtin_cpu_supports("avx") &&
@@ -42,6 +58,64 @@ bool cpu_has_avx512() {
 bool cpu_has_neon() { return (getauxval(AT_HWCAP) & HWCAP_ASIMD) != 0; }
 #endif
 
+}  // namespace
+
+CpuTraits this_cpu() {
+  CpuTraits cpu;
+#if defined(QZ_HAVE_X86_KERNELS)
+  cpu.vendor = vendor_of_cpuid();
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  if (__get_cpuid(1, &eax, &ebx, &ecx, &edx)) {
+    const int base_family = static_cast<int>((eax >> 8) & 0xF);
+    const int base_model = static_cast<int>((eax >> 4) & 0xF);
+    cpu.family =
+        base_family == 0xF ? base_family + static_cast<int>((eax >> 20) & 0xFF) : base_family;
+    cpu.model = base_family == 0x6 || base_family == 0xF
+                    ? base_model + (static_cast<int>((eax >> 16) & 0xF) << 4)
+                    : base_model;
+  }
+  cpu.fma128 = cpu_has_fma128();
+  cpu.avx2 = cpu_has_avx2();
+  cpu.avx512 = cpu_has_avx512();
+#endif
+#if defined(QZ_HAVE_ARM_KERNELS)
+  cpu.neon = cpu_has_neon();
+#endif
+  return cpu;
+}
+
+const char* kernel_set_for(const CpuTraits& cpu) {
+  using Vendor = CpuTraits::Vendor;
+  if (cpu.neon) return "neon";
+  if (!cpu.fma128) return "portable";
+  if (!cpu.avx2) return "fma128";
+  if (!cpu.avx512) return "avx2";
+  if (cpu.vendor == Vendor::amd) {
+    // Zen 4 runs 512-bit operations as two halves and its gathers and
+    // cross-lane permutes are slower than Zen 5's; later families gather
+    // fast.
+    return cpu.family >= 0x1A ? "avx512" : "avx2";
+  }
+  if (cpu.vendor == Vendor::intel && cpu.family == 6) {
+    switch (cpu.model) {
+      case 0x55:  // Skylake-SP, Cascade Lake, Cooper Lake: 512-bit work lowers the clock
+        return "avx2";
+      case 0x8F:  // Sapphire Rapids
+      case 0xCF:  // Emerald Rapids
+      case 0xAD:  // Granite Rapids
+      case 0xAE:
+        return "avx512";  // gathers without the gather microcode mitigation
+      default:
+        // Ice Lake, Tiger Lake, Rocket Lake and unknown models: gathers may
+        // be slowed by the gather microcode mitigation, scalar loads never.
+        return "avx512_loads";
+    }
+  }
+  return "avx512_loads";
+}
+
+namespace {
+
 struct Registry {
   KernelSetEntry entries[kMaxKernelSets];
   int count = 0;
@@ -50,6 +124,7 @@ struct Registry {
 #if defined(QZ_HAVE_X86_KERNELS)
     entries[count++] = {&fma128_kernel_set(), cpu_has_fma128()};
     entries[count++] = {&avx2_kernel_set(), cpu_has_avx2()};
+    entries[count++] = {&avx512_loads_kernel_set(), cpu_has_avx512()};
     entries[count++] = {&avx512_kernel_set(), cpu_has_avx512()};
 #endif
 #if defined(QZ_HAVE_ARM_KERNELS)
@@ -73,17 +148,13 @@ const KernelSet* find_supported(const char* name) {
   return nullptr;
 }
 
-// The widest set the CPU supports, unless the environment names another.
+// The set the rule picks for this CPU, unless the environment names another.
 const KernelSet* initial_choice() {
   if (const char* wanted = std::getenv("QZINTERP3D_KERNEL")) {
     if (const KernelSet* s = find_supported(wanted)) return s;
   }
-  const Registry& r = registry();
-  const KernelSet* best = r.entries[0].set;
-  for (int i = 0; i < r.count; ++i) {
-    if (r.entries[i].supported) best = r.entries[i].set;
-  }
-  return best;
+  if (const KernelSet* s = find_supported(kernel_set_for(this_cpu()))) return s;
+  return registry().entries[0].set;
 }
 
 std::atomic<const KernelSet*> g_active{nullptr};

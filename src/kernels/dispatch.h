@@ -14,11 +14,29 @@ struct KernelSetEntry {
   bool supported;  // this CPU has the instructions the set needs
 };
 
+// What the choice of a kernel set depends on: the CPU's vendor and
+// generation, and which sets' instructions it has.
+struct CpuTraits {
+  enum class Vendor : uint8_t { amd, intel, other };
+  Vendor vendor = Vendor::other;
+  int family = 0;  // display family: base, plus extended when base is 15
+  int model = 0;   // display model: base, plus extended << 4 for families 6 and 15
+  bool fma128 = false, avx2 = false, avx512 = false, neon = false;
+};
+
+// The CPU this process runs on.
+CpuTraits this_cpu();
+
+// The name of the kernel set the library runs on such a CPU: the rule, its
+// reasons and its measurements are in docs/ARCHITECTURE.md.
+const char* kernel_set_for(const CpuTraits& cpu);
+
 // Every kernel set built into the library, narrowest first.
 int kernel_set_count();
 KernelSetEntry kernel_set_at(int i);
 
-// The set the row tasks use.
+// The set the row tasks use: kernel_set_for(this_cpu()), unless the
+// environment names another set this CPU runs.
 const KernelSet& active_kernel_set();
 
 // Makes the named set the active one. Returns false, changing nothing, when
