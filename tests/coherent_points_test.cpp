@@ -343,7 +343,7 @@ TYPED_TEST(CoherentPoints, OneRowCrossingPerGroupIsServedTwoAreGathered) {
   // a whole number (the floor changes) between 11 and 12, of every 16.
   const Ramp once{{3.25, 1.25 + o, 2 + 3 * o}, {0.5, 1.0 / 16, 0}};
   // y and z together: still two grid rows per group.
-  const Ramp diagonal{{20.5, 1.25 + o, 1.25 + o}, {-0.25, 1.0 / 16, 1.0 / 16}};
+  const Ramp diagonal{{20.5, 1.25 + o, 1.25 + o}, {-0.25, 1.0 / 32, 1.0 / 32}};
   // Three grid rows in every 8 columns: y twice, or y and z at different
   // columns.
   for_each_kernel_set([&] {
@@ -421,10 +421,10 @@ TYPED_TEST(CoherentPoints, GatheredLanesAtRowEndsInEveryAlignment) {
   });
 }
 
-// A row that starts with scattered points and goes on coherently: the
-// scattered start is gathered, and sets off a run of gathered groups, after
-// which windows serve the rest of the row again.
-TYPED_TEST(CoherentPoints, RowsReturnToWindowsAfterAScatteredStart) {
+// A coherent row with a scattered stretch near its start: the stretch is
+// gathered, and sets off a run of gathered groups, after which windows
+// serve the rest of the row again.
+TYPED_TEST(CoherentPoints, RowsReturnToWindowsAfterAScatteredStretch) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
   std::mt19937_64 rng(78);
   const Layout l = padded(40, 6, 5);
@@ -442,7 +442,7 @@ TYPED_TEST(CoherentPoints, RowsReturnToWindowsAfterAScatteredStart) {
     const Ramp coherent{{3.25, 2.5 + o, 3.5 + o}, {0.01, 0, 0}};  // x stays below 36
     for (int64_t r = 0; r < rows; ++r) {
       for (int64_t c = -g.scene.reach(); c < g.scene.shape().width; ++c) {
-        if (c >= 0 && c < scattered) {
+        if (c >= 2 * lanes && c < 2 * lanes + scattered) {
           g.scene.set_point(c, r, random_coord<C>(rng, l.nx), random_coord<C>(rng, l.ny),
                             random_coord<C>(rng, l.nz));
         } else {
@@ -452,7 +452,7 @@ TYPED_TEST(CoherentPoints, RowsReturnToWindowsAfterAScatteredStart) {
       }
     }
     const qzinterp3d::WindowGroups before = qzinterp3d::window_groups();
-    expect_model(g.scene, 0.25, "scattered start, coherent rest");
+    expect_model(g.scene, 0.25, "coherent row with a scattered stretch");
     const qzinterp3d::WindowGroups after = qzinterp3d::window_groups();
     if (w.lanes == 0) return;
     const uint64_t served = after.served - before.served;

@@ -77,9 +77,10 @@ struct RowPlan {
   // window of `lanes` samples may start from 0 to window_last_start, and
   // there is none (-1) when the span is shorter than a window.
   int32_t window_last_start = -1;
-  // True when the grid spans more memory than the caches are likely to
-  // hold: scattered points then wait on memory, and gathered groups fetch
-  // the grid lines of a group a few groups ahead (prefetch_group).
+  // True when the row's points are scattered over a grid that spans more
+  // memory than the caches are likely to hold: they then wait on memory,
+  // and gathered groups fetch the grid lines of a group a few groups ahead
+  // (prefetch_group).
   bool prefetch = false;
   // True when every axis has samples and its bound n - 1 converted to the
   // coordinate type is not above n - 1 (it can round up above 2^24 in
@@ -99,10 +100,10 @@ inline bool bounds_exact(const Grid<Sample>& g) {
 // placing a window (an offset minus at most half a vector) cannot wrap.
 inline constexpr int32_t window_margin = 64;
 
-// Grids spanning more than this many bytes are prefetched for when their
-// groups are gathered. Below it the grid mostly sits in the caches and the
-// prefetches only cost instructions.
-inline constexpr int64_t prefetch_above_bytes = int64_t{16} << 20;
+// Grids spanning more than this many bytes (a core's second-level cache)
+// are prefetched for when scattered groups are gathered. Below it the grid
+// mostly sits in the caches and the prefetches only cost instructions.
+inline constexpr int64_t prefetch_above_bytes = int64_t{1} << 20;
 
 // Windows compare offsets with window starts as unsigned differences, which
 // needs every two offsets of the grid to lie within 2^31 of each other, and
@@ -173,10 +174,11 @@ struct GroupKernel {
   // True when every lane is inside the grid with no NaN coordinate (ordered
   // comparisons) and the bounds are exact: then no lane is filled, and
   // rounding d gives indices in [0, n - 1] with nothing to clamp. Groups of
-  // a slice through the grid mostly are; with windows, and where Ops has
-  // chained comparisons for the test (bit comparisons, or ordered ones),
-  // this check costs less than the clamps it saves (gathered groups gain
-  // nothing from it).
+  // a slice through the grid mostly are; where Ops has chained comparisons
+  // for the test (bit comparisons, or ordered ones), this check costs less
+  // than the clamps and the fill it saves, whether the group is read
+  // through windows or gathered (float32 nearest, oblique plane through
+  // 256^3, gathered: about 1.2x).
   static constexpr bool compares_bits = requires(Mask m, V a) { Ops::and_bits_within(m, a, a); };
   static constexpr bool compares_ordered = requires(Mask m, V a) {
     Ops::and_ge(m, a, a);
@@ -184,7 +186,7 @@ struct GroupKernel {
   };
   static constexpr bool sets_all = requires(Mask m) { Ops::all_set(m); };
   static constexpr bool checks_inside =
-      F == Fetch::windows && sets_all && (compares_bits || compares_ordered);
+      F != Fetch::per_lane && sets_all && (compares_bits || compares_ordered);
   QZ_ALWAYS_INLINE static bool all_inside(const Grid<Sample>& g, const RowPlan& plan,
                                           const Query& q) {
     if (!plan.bounds_exact) return false;
@@ -284,8 +286,8 @@ struct GroupKernel {
       if constexpr (F == Fetch::windows) {
         return Windows::sample(g, plan, Windows::from_lo(g, plan, yz, ix), value);
       } else {
-        value = gather_sample(
-            g, Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin))), ix);
+        const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
+        value = gather_sample(g, row, ix);
         return true;
       }
     } else {
@@ -690,10 +692,10 @@ template <class Wide, Method M, class Sample>
   return c;
 }
 
-// Full blocks [c, stop) in wide groups read by gathers. In a grid beyond the
-// caches each group first asks for the grid lines of the group three ahead
-// (within the row's full blocks, which end at end). Out of line and free of
-// calls, as window_run.
+// Full blocks [c, stop) in wide groups read by gathers. Where scattered
+// points read a grid beyond the caches (plan.prefetch) each group first asks
+// for the grid lines of a group further on (within the row's full blocks,
+// which end at end). Out of line and free of calls, as window_run.
 template <class Wide, Method M, class Sample>
 [[gnu::noinline]] void gather_run(const Grid<Sample>& grid, const RowPlan& row_plan,
                                   const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t stop,
@@ -701,7 +703,9 @@ template <class Wide, Method M, class Sample>
   const Grid<Sample> g = grid;  // local copies, as in window_run
   const RowPlan plan = row_plan;
   const RowSpan<CoordOf<Sample>> r = span;
-  constexpr int64_t ahead = 3 * Wide::lanes;
+  // As far ahead as a few hundred cycles of work: six nearest groups, two
+  // trilinear ones (each reads four grid lines per lane).
+  constexpr int64_t ahead = (M == Method::nearest ? 6 : 2) * Wide::lanes;
   for (; c + Wide::lanes <= stop; c += Wide::lanes) {
     if (plan.prefetch && c + ahead + Wide::lanes <= end) {
       GroupKernel<Wide, Sample, Fetch::gathers>::template prefetch_group<M>(
@@ -752,6 +756,16 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
 #if defined(QZINTERP3D_KERNEL_PROBE)
     note_window_groups(served, gathered);
 #endif
+  } else if constexpr (F == Fetch::gathers) {
+    [[maybe_unused]] const int64_t first = c;
+    const int64_t stop = c + (end - c) / Wide::lanes * Wide::lanes;
+    gather_run<Wide, M, Sample>(g, plan, r, c, stop, end);
+    c = stop;
+#if defined(QZINTERP3D_KERNEL_PROBE)
+    if constexpr (HasWindowLoads<Wide>) {
+      note_window_groups(0, static_cast<uint64_t>((c - first) / Wide::lanes));
+    }
+#endif
   } else {
     [[maybe_unused]] const int64_t first = c;
     for (; c + Wide::lanes <= end; c += Wide::lanes) {
@@ -767,6 +781,45 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
 #endif
   }
   return c;
+}
+
+// How a row's points move, from the distance one wide group's points cover
+// at the row's start and middle (NaN distances count as far).
+//
+// Windows serve a group when its lanes lie in at most two grid rows (along
+// y and z) and span less than a window along x. Where the points cross grid
+// rows more often than about once a group (oblique and steep planes,
+// slices across rows, deformed grids through small volumes), failed
+// attempts cost more than windows save, and the row is gathered from the
+// start (float32 nearest, oblique plane through 256^3: 1.7x faster).
+//
+// Points that jump several samples from one to the next are scattered: in a
+// grid beyond the caches each waits on memory, and gathered groups ask for
+// the lines of the groups ahead (prefetch_group). Coherent points gain
+// nothing from that: the hardware's prefetchers follow them.
+inline constexpr double window_row_crossings_per_group = 1;
+inline constexpr double scattered_samples_per_point = 4;
+struct RowShape {
+  bool windows_likely = false;
+  bool scattered = false;
+};
+template <class C>
+inline RowShape row_shape(const RowSpan<C>& r, int64_t columns, int32_t lanes) {
+  RowShape shape;
+  if (columns < lanes) return shape;
+  double along_x = 0, across_rows = 0;
+  auto measure_group_at = [&](int64_t c) {
+    const int64_t e = c + lanes - 1;
+    along_x += std::fabs(double(r.xq[e]) - double(r.xq[c]));
+    across_rows +=
+        std::fabs(double(r.yq[e]) - double(r.yq[c])) + std::fabs(double(r.zq[e]) - double(r.zq[c]));
+  };
+  measure_group_at(0);
+  measure_group_at((columns - lanes) / 2);
+  shape.windows_likely =
+      across_rows <= 2 * window_row_crossings_per_group && along_x <= 2 * double(lanes);
+  shape.scattered = !(along_x + across_rows <= 2 * scattered_samples_per_point * (lanes - 1));
+  return shape;
 }
 
 // A row: its full blocks left to right, then the last block, which spans the
@@ -790,9 +843,12 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
   if constexpr (HasOffsetVectors<Wide>) {
     Fetch fetch = Fetch::per_lane;
     if (offsets_fit_in_32_bits(g, plan)) {
-      fetch =
-          HasWindowLoads<Wide> && windows_fit(plan, Wide::lanes) ? Fetch::windows : Fetch::gathers;
+      const RowShape shape = row_shape(r, full_columns, Wide::lanes);
+      fetch = HasWindowLoads<Wide> && shape.windows_likely && windows_fit(plan, Wide::lanes)
+                  ? Fetch::windows
+                  : Fetch::gathers;
       plan.prefetch =
+          shape.scattered &&
           (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)} > prefetch_above_bytes;
     }
     switch (fetch) {

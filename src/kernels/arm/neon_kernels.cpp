@@ -5,6 +5,8 @@
 // a lane from one load of two adjacent samples.
 #include <arm_neon.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>

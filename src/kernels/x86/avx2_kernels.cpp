@@ -3,6 +3,8 @@
 // vectors, with the same operations as the 16-byte kernels.
 #include <immintrin.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <type_traits>

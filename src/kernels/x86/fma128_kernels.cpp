@@ -3,6 +3,8 @@
 // lanes, exactly the block layout of the row tasks.
 #include <immintrin.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <type_traits>
 
