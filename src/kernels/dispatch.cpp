@@ -47,7 +47,7 @@ bool cpu_has_fma128() {
 bool cpu_has_avx2() { return cpu_has_fma128() && __builtin_cpu_supports("avx2"); }
 
 bool cpu_has_avx512() {
-  return cpu_has_avx2() && __builtin_cpu_supports("popcnt") && __builtin_cpu_supports("avx512f") &&
+  return cpu_has_avx2() && __builtin_cpu_supports("avx512f") &&
          __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512bw") &&
          __builtin_cpu_supports("avx512vl");
 }

@@ -20,10 +20,10 @@
 // GCC and clang each mark the region's functions for the instruction set.
 #if defined(__clang__)
 #pragma clang attribute push( \
-    __attribute__((target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma,popcnt"))), apply_to = function)
+    __attribute__((target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma"))), apply_to = function)
 #else
 #pragma GCC push_options
-#pragma GCC target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma,popcnt")
+#pragma GCC target("avx512f,avx512dq,avx512bw,avx512vl,avx2,fma")
 #endif
 // GCC 12's own AVX-512 headers start some intrinsics from an "undefined"
 // vector and then warn about it; the warning is about the header, not us.
