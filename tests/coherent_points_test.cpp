@@ -421,6 +421,29 @@ TYPED_TEST(CoherentPoints, GatheredLanesAtRowEndsInEveryAlignment) {
   });
 }
 
+// Rows across grid rows at a fixed x (axis-aligned slices whose rows run
+// along y), with x pairs that straddle the end of a cache line in every
+// lane (rows start on a 64-byte line; x is on a line's last sample): sets
+// with gathers read such rows another way and read straddled pairs sample
+// by sample; the values must not change.
+TYPED_TEST(CoherentPoints, SlicesAcrossRowsAtALinesEnd) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  std::mt19937_64 rng(79);
+  constexpr int32_t line = static_cast<int32_t>(64 / sizeof(S));
+  // Rows of two lines, against the page below: every row starts a line.
+  const Layout l = padded(2 * line - 2, 40, 3, 2, 0);
+  for_each_kernel_set([&] {
+    for (const double x : {line + 0.5, line + 0.25, line - 0.125, 1.5, 2 * line - 2.5}) {
+      GuardedScene<M, S> g(l, 128, 4, false);
+      fill_random(g.grid, rng);
+      std::vector<Ramp> rows;
+      for (int r = 0; r < 4; ++r) rows.push_back({{x, 1.125, 1.25 + 0.5 * r}, {0, 0.25, 0}});
+      set_rows(g.scene, rows);
+      expect_model(g.scene, -1.0, "x " + std::to_string(x));
+    }
+  });
+}
+
 // A coherent row with a scattered stretch near its start: the stretch is
 // gathered, and sets off a run of gathered groups, after which windows
 // serve the rest of the row again.

@@ -37,6 +37,7 @@
 
 #include "kernels/row_kernel-inl.h"
 #include "kernels/x86/ops128-inl.h"
+#include "kernels/x86/ops256-inl.h"
 #include "kernels/x86/ops512-inl.h"
 
 #pragma GCC diagnostic pop

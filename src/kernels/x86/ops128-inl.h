@@ -44,7 +44,9 @@ struct Ops128<float> {
     return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_setzero_si128());
   }
   static V to_coord(Index i) { return _mm_cvtepi32_ps(i); }
-  static void store_index(int32_t* p, Index i) { _mm_store_si128(reinterpret_cast<__m128i*>(p), i); }
+  static void store_index(int32_t* p, Index i) {
+    _mm_store_si128(reinterpret_cast<__m128i*>(p), i);
+  }
 
   // uint32 to float with one rounding: the high half times 2^16 and the low
   // half are both exact, so their sum is the only rounding.
@@ -60,7 +62,8 @@ struct Ops128<float> {
       return _mm_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]]);
     } else if constexpr (std::is_same_v<Sample, uint32_t>) {
       return unsigned_to_coord(_mm_setr_epi32(static_cast<int>(b[o[0]]), static_cast<int>(b[o[1]]),
-                                              static_cast<int>(b[o[2]]), static_cast<int>(b[o[3]])));
+                                              static_cast<int>(b[o[2]]),
+                                              static_cast<int>(b[o[3]])));
     } else {
       // 8- and 16-bit samples are sign- or zero-extended by their type.
       return _mm_cvtepi32_ps(_mm_setr_epi32(b[o[0]], b[o[1]], b[o[2]], b[o[3]]));
@@ -103,7 +106,9 @@ struct Ops128<double> {
     return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_setzero_si128());
   }
   static V to_coord(Index i) { return _mm_cvtepi32_pd(i); }
-  static void store_index(int32_t* p, Index i) { _mm_storel_epi64(reinterpret_cast<__m128i*>(p), i); }
+  static void store_index(int32_t* p, Index i) {
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(p), i);
+  }
 
   template <class Sample>
   static V gather(const Sample* b, const int64_t* o) {

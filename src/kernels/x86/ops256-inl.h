@@ -98,6 +98,22 @@ struct Ops256<float> {
   // Both x corners of a lane from one scalar read of two adjacent samples
   // (p and p + 1 both lie in the row): half the reads of two gathers.
   static constexpr bool has_x_pair_gather = true;
+  // True when the pair of samples at every lane's offset straddles the end
+  // of a 64-byte line.
+  template <class Sample>
+  static bool pairs_straddle_lines(const Sample* b, Index offsets) {
+    constexpr int shift = sizeof(Sample) == 1   ? 0
+                          : sizeof(Sample) == 2 ? 1
+                          : sizeof(Sample) == 4 ? 2
+                                                : 3;
+    const int32_t base = static_cast<int32_t>(reinterpret_cast<uintptr_t>(b) & 63);
+    const __m256i in_line = _mm256_and_si256(
+        _mm256_add_epi32(_mm256_slli_epi32(offsets, shift), _mm256_set1_epi32(base)),
+        _mm256_set1_epi32(63));
+    const __m256i straddle =
+        _mm256_cmpeq_epi32(in_line, _mm256_set1_epi32(64 - int32_t{sizeof(Sample)}));
+    return _mm256_movemask_ps(_mm256_castsi256_ps(straddle)) == 0xFF;
+  }
   // Scalar pair loads beat per-lane single loads only when both samples are
   // used; a single sample is read alone.
   static constexpr bool single_samples_in_pairs = false;
@@ -308,6 +324,20 @@ struct Ops256<double> {
 
   // Both x corners of a lane from one 16-byte load.
   static constexpr bool has_x_pair_gather = true;
+  // True when the pair of samples at every lane's offset straddles the end
+  // of a 64-byte line.
+  template <class Sample>
+  static bool pairs_straddle_lines(const Sample* b, Index offsets) {
+    constexpr int shift = sizeof(Sample) == 1   ? 0
+                          : sizeof(Sample) == 2 ? 1
+                          : sizeof(Sample) == 4 ? 2
+                                                : 3;
+    const int32_t base = static_cast<int32_t>(reinterpret_cast<uintptr_t>(b) & 63);
+    const __m128i in_line = _mm_and_si128(
+        _mm_add_epi32(_mm_slli_epi32(offsets, shift), _mm_set1_epi32(base)), _mm_set1_epi32(63));
+    const __m128i straddle = _mm_cmpeq_epi32(in_line, _mm_set1_epi32(64 - int32_t{sizeof(Sample)}));
+    return _mm_movemask_ps(_mm_castsi128_ps(straddle)) == 0xF;
+  }
   template <class Sample>
   static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
                              V& second) {

@@ -19,6 +19,7 @@ struct Ops512;
 template <>
 struct Ops512<float> {
   using Coord = float;
+  using StridedRows = Ops256<float>;
   static constexpr int lanes = 16;
   static constexpr int vector_registers = 32;
   using V = __m512;
@@ -150,6 +151,19 @@ struct Ops512<float> {
     }
   }
 
+  // True when the pair of samples at every lane's offset straddles the end
+  // of a 64-byte line.
+  template <class Sample>
+  static bool pairs_straddle_lines(const Sample* b, Index offsets) {
+    constexpr int shift = sizeof(Sample) == 1 ? 0 : sizeof(Sample) == 2 ? 1 : 2;
+    const int32_t base = static_cast<int32_t>(reinterpret_cast<uintptr_t>(b) & 63);
+    const __m512i in_line = _mm512_and_si512(
+        _mm512_add_epi32(_mm512_slli_epi32(offsets, shift), _mm512_set1_epi32(base)),
+        _mm512_set1_epi32(63));
+    return _mm512_cmpeq_epi32_mask(in_line, _mm512_set1_epi32(64 - int32_t{sizeof(Sample)})) ==
+           0xFFFF;
+  }
+
   // Where the bytes at offsets sit in their aligned 4-byte words.
   template <class Sample>
   static __m512i misalignment(const Sample* b, Index offsets) {
@@ -262,6 +276,7 @@ struct Ops512<float> {
 template <>
 struct Ops512<double> {
   using Coord = double;
+  using StridedRows = Ops256<double>;
   static constexpr int lanes = 8;
   static constexpr int vector_registers = 32;
   using V = __m512d;
