@@ -198,7 +198,6 @@ const TypeEntry kTypes[] = {
 void register_all(int t) {
   // Volume size and sample type outer, so that consecutive benchmarks share a volume.
   const int sizes[] = {64, 128, 256, 512};
-  const Workload workloads[] = {Workload::oblique, Workload::upsample, Workload::random};
   const std::string threads = "/threads:" + std::to_string(t);
   const std::string points = "/points:" + std::to_string(kPoints);
   benchmark::RegisterBenchmark(("stream/float32" + points + threads).c_str(), bm_stream<float>, t)
@@ -218,7 +217,7 @@ void register_all(int t) {
   }
   for (int n : sizes) {
     for (const TypeEntry& type : kTypes) {
-      for (Workload w : workloads) {
+      for (Workload w : kAllWorkloads) {
         for (int method = 0; method < 2; ++method) {
           const Entry entry = method == 0 ? type.bilinear : type.nearest;
           const std::string name = std::string("interp3_") + (method == 0 ? "bilinear_" : "nearest_") +
