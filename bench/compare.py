@@ -388,6 +388,23 @@ def check_case(case, V, X, Y, Z, outputs, scipy_ndimage):
     return int(mask.sum()), results, failures
 
 
+def verify_case(case, V, X, Y, Z, outputs, ours, scipy_ndimage, program):
+    """Checks first outputs: every kernel set of ours (names `ours`, the first
+    the reference) gives the same bits, and every implementation agrees with
+    the float64 reference (check_case). Exits on any failure; returns (digest
+    of ours' output, points checked, check_case's results)."""
+    first = outputs[ours[0]]
+    failures = [f"{case.name}: kernel sets give different bits ({name} vs {ours[0]})"
+                for name in ours[1:] if outputs[name].tobytes() != first.tobytes()]
+    npts, res, fails = check_case(case, V, X, Y, Z, outputs, scipy_ndimage)
+    failures += fails
+    if failures:
+        for f in failures:
+            print("DISAGREEMENT: " + f, file=sys.stderr)
+        sys.exit(f"{program}: implementations disagree beyond rounding; no timings reported")
+    return hashlib.sha256(first.tobytes()).hexdigest(), npts, res
+
+
 # --------------------------------------------------------------------------
 # Timing
 
@@ -556,8 +573,9 @@ def impl_names_of(args, kernels, labels):
     return names + ["stream"]
 
 
-def selected_cases(args):
-    cases = default_cases(args.quick)
+def selected_cases(args, all_cases=default_cases):
+    """all_cases(args.quick), narrowed by args.filter."""
+    cases = all_cases(args.quick)
     if args.filter:
         cases = [c for c in cases if re.search(args.filter, c.name)]
     return cases
@@ -607,18 +625,10 @@ def run_child(args):
 
         # A first call of each, whose results are checked.
         outputs = {name: np.array(fn()).reshape(ROWS, COLS) for name, fn in fns.items() if name != "stream"}
-        ours = outputs[impl_names[0]]
-        failures = [f"{case.name}: kernel sets give different bits ({name} vs {impl_names[0]})"
-                    for name in impl_names[1:len(kernels)] if outputs[name].tobytes() != ours.tobytes()]
-        digests[idx] = hashlib.sha256(ours.tobytes()).hexdigest()
-        npts, res, fails = check_case(case, V, X, Y, Z, outputs, ndi)
+        digests[idx], npts, res = verify_case(case, V, X, Y, Z, outputs, impl_names[:len(kernels)], ndi,
+                                              "compare.py")
         checks.append((idx, npts, res))
-        failures += fails
-        if failures:
-            for f in failures:
-                print("DISAGREEMENT: " + f, file=sys.stderr)
-            sys.exit("compare.py: implementations disagree beyond rounding; no timings reported")
-        del outputs, ours
+        del outputs
 
         med, util = time_interleaved(fns, args.reps, args.sample_time)
         results.append({"case": idx, "name": case.name, "threads": threads,
