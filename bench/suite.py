@@ -105,15 +105,22 @@ def cpu_identity():
 
 class PlainPeers:
     """The plain Halide schedules and the loads bound through bench/peers.py,
-    or None where they are not built."""
+    when they are built (module None and why_not saying why otherwise)."""
+
+    LIBRARIES = ("libqzbench_plain.so", "libqzbench_loads.so")
 
     def __init__(self, build):
         self.module, self.why_not = None, None
+        missing = [name for name in self.LIBRARIES if not (Path(build) / "bench" / name).exists()]
         try:
             import peers
-            self.module = peers
-        except (ImportError, OSError) as e:
+        except ImportError as e:
             self.why_not = f"bench/peers.py unavailable ({e})"
+            return
+        if missing:
+            self.why_not = f"{', '.join(missing)} not built in {build}"
+            return
+        self.module = peers.Peers(build)
 
     def calls(self, names, case, V, X, Y, Z):
         """Callables returning their output, one per name of names."""
