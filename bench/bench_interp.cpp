@@ -1,10 +1,14 @@
 // Throughput of the sixteen pipelines, called through the shared library's
 // public entries, over methods x sample types x workloads x volume sizes,
-// plus the streaming bound (Vq = Xq + Yq + Zq) over the same number of points.
+// plus the streaming bound (Vq = Xq + Yq + Zq) over the same number of points,
+// the plain Halide pipelines of the same algorithm (libqzbench_plain.so, when
+// it was built next to this program) and the loads-only bound.
 // One process runs one thread count, HL_NUM_THREADS (default: every CPU);
 // run_suite.sh runs 1 and all.
 //
 // Names:  interp3_<method>_<type>/<workload>/n:<n>/threads:<t>
+//         plain_<sse41|avx512>_<method>_<type>/<workload>/n:<n>/threads:<t>
+//         loads/<method>_<type>/<workload>/n:<n>/threads:<t>
 //         stream/<coordinate type>/points:<count>/threads:<t>
 //         pool/tasks:<rows>/steps:<s>/threads:<t> (the pool alone; items: tasks)
 // Without --benchmark_filter a quick subset runs (kQuickFilter below);
@@ -18,6 +22,8 @@
 #include <benchmark/benchmark.h>
 
 #include <HalideRuntime.h>
+#include <dlfcn.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "loads_bound.h"
 #include "qzinterp3d_halide.h"
 #include "stream_bound.h"
 #include "workloads.h"
@@ -37,6 +44,7 @@ namespace {
 constexpr const char* kQuickFilter =
     "^interp3_(bilinear|nearest)_float32/(oblique|random)/n:(64|512)/"
     "|^interp3_bilinear_uint8/oblique/n:256/"
+    "|^(plain_(sse41|avx512)_|loads/)bilinear_uint8/oblique/n:256/"
     "|^stream/float32/"
     "|^pool/";
 
@@ -136,23 +144,56 @@ void measure(benchmark::State& state, int threads, C* out, Run run) {
   state.counters["threads"] = threads;
 }
 
+// The descriptors of one benchmark: the shared volume and coordinates, and
+// an output of its own.
+template <class T>
+struct Inputs {
+  using C = std::conditional_t<std::is_same_v<T, double>, double, float>;
+  static constexpr int kQueryExtents[2] = {kCols, kRows};
+  int volume_extents[3];
+  const Coords<C>& c;
+  std::vector<C> out;
+  Buffer V, X, Y, Z, Q;
+  Inputs(const char* type_name, Workload w, int n)
+      : volume_extents{n, n, n},
+        c(coords<C>(w, n)),
+        out(kPoints),
+        V(volume<T>(type_name, n), 3, volume_extents),
+        X(const_cast<C*>(c.x.data()), 2, kQueryExtents),
+        Y(const_cast<C*>(c.y.data()), 2, kQueryExtents),
+        Z(const_cast<C*>(c.z.data()), 2, kQueryExtents),
+        Q(out.data(), 2, kQueryExtents) {}
+};
+
+// Ours, or a plain Halide pipeline: both take the entries' arguments.
 template <class T>
 void bm_interp(benchmark::State& state, Entry entry, const char* type_name, Workload w, int n,
                int threads) {
-  using C = std::conditional_t<std::is_same_v<T, double>, double, float>;
-  T* v = volume<T>(type_name, n);
-  const Coords<C>& c = coords<C>(w, n);
-  std::vector<C> out(kPoints);
-  const int vext[3] = {n, n, n};
-  const int qext[2] = {kCols, kRows};
-  Buffer V(v, 3, vext);
-  Buffer X(const_cast<C*>(c.x.data()), 2, qext);
-  Buffer Y(const_cast<C*>(c.y.data()), 2, qext);
-  Buffer Z(const_cast<C*>(c.z.data()), 2, qext);
-  Buffer Q(out.data(), 2, qext);
-  measure(state, threads, out.data(),
-          [&] { entry(&V.buf, &X.buf, &Y.buf, &Z.buf, 0.0, &Q.buf); });
+  Inputs<T> in(type_name, w, n);
+  // Plain pipelines check their arguments and return non-zero on a misfit.
+  if (entry(&in.V.buf, &in.X.buf, &in.Y.buf, &in.Z.buf, 0.0, &in.Q.buf) != 0) {
+    state.SkipWithError("the pipeline returned an error");
+    return;
+  }
+  measure(state, threads, in.out.data(),
+          [&] { entry(&in.V.buf, &in.X.buf, &in.Y.buf, &in.Z.buf, 0.0, &in.Q.buf); });
   state.SetLabel("kernels=" + kernel_label());
+}
+
+// The loads-only bound: offsets prepared untimed, then only the sample reads.
+template <class T>
+void bm_loads(benchmark::State& state, int method, const char* type_name, Workload w, int n,
+              int threads) {
+  Inputs<T> in(type_name, w, n);
+  const halide_type_t type = type_of<T>();
+  const std::unique_ptr<void, void (*)(void*)> prepared(
+      loads_prepare(method, type.code, type.bits, &in.V.buf, &in.X.buf, &in.Y.buf, &in.Z.buf),
+      loads_free);
+  if (!prepared) {
+    state.SkipWithError("loads_prepare refused the volume");
+    return;
+  }
+  measure(state, threads, in.out.data(), [&] { loads_run(prepared.get(), &in.Q.buf); });
 }
 
 template <class C>
@@ -182,18 +223,53 @@ struct TypeEntry {
   Entry nearest;
   Entry bilinear;
   void (*run)(benchmark::State&, Entry, const char*, Workload, int, int);
+  void (*loads)(benchmark::State&, int, const char*, Workload, int, int);
 };
 
+#define QZ_TYPE_ENTRY(name, T) \
+  {#name, interp3_nearest_##name, interp3_bilinear_##name, bm_interp<T>, bm_loads<T>}
 const TypeEntry kTypes[] = {
-    {"float32", interp3_nearest_float32, interp3_bilinear_float32, bm_interp<float>},
-    {"float64", interp3_nearest_float64, interp3_bilinear_float64, bm_interp<double>},
-    {"int8", interp3_nearest_int8, interp3_bilinear_int8, bm_interp<int8_t>},
-    {"uint8", interp3_nearest_uint8, interp3_bilinear_uint8, bm_interp<uint8_t>},
-    {"int16", interp3_nearest_int16, interp3_bilinear_int16, bm_interp<int16_t>},
-    {"uint16", interp3_nearest_uint16, interp3_bilinear_uint16, bm_interp<uint16_t>},
-    {"int32", interp3_nearest_int32, interp3_bilinear_int32, bm_interp<int32_t>},
-    {"uint32", interp3_nearest_uint32, interp3_bilinear_uint32, bm_interp<uint32_t>},
+    QZ_TYPE_ENTRY(float32, float), QZ_TYPE_ENTRY(float64, double),
+    QZ_TYPE_ENTRY(int8, int8_t),   QZ_TYPE_ENTRY(uint8, uint8_t),
+    QZ_TYPE_ENTRY(int16, int16_t), QZ_TYPE_ENTRY(uint16, uint16_t),
+    QZ_TYPE_ENTRY(int32, int32_t), QZ_TYPE_ENTRY(uint32, uint32_t),
 };
+#undef QZ_TYPE_ENTRY
+
+// libqzbench_plain.so from this program's directory, or null when it was not
+// built (only qz_bench_all builds it). It links the same Halide runtime, so
+// its pipelines run on the pool ours use.
+void* plain_library() {
+  static void* const handle = []() -> void* {
+    char exe[4096];
+    const ssize_t len = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (len <= 0) return nullptr;
+    std::string path(exe, static_cast<std::size_t>(len));
+    path.resize(path.rfind('/') + 1);
+    return dlopen((path + "libqzbench_plain.so").c_str(), RTLD_NOW | RTLD_GLOBAL);
+  }();
+  return handle;
+}
+
+// The plain targets this CPU runs.
+std::vector<std::string> plain_targets() {
+  std::vector<std::string> targets{"sse41"};
+  __builtin_cpu_init();
+  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+      __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
+      __builtin_cpu_supports("avx512cd") && __builtin_cpu_supports("avx2") &&
+      __builtin_cpu_supports("fma")) {
+    targets.push_back("avx512");
+  }
+  return targets;
+}
+
+void register_interp(const std::string& name, const TypeEntry& type, Entry entry, Workload w,
+                     int n, int t) {
+  benchmark::RegisterBenchmark(name.c_str(), type.run, entry, type.name, w, n, t)
+      ->UseRealTime()
+      ->Unit(benchmark::kMillisecond);
+}
 
 void register_all(int t) {
   // Volume size and sample type outer, so that consecutive benchmarks share a volume.
@@ -215,15 +291,27 @@ void register_all(int t) {
         ->UseRealTime()
         ->Unit(benchmark::kMicrosecond);
   }
+  const std::vector<std::string> targets = plain_targets();
   for (int n : sizes) {
     for (const TypeEntry& type : kTypes) {
       for (Workload w : kAllWorkloads) {
         for (int method = 0; method < 2; ++method) {
-          const Entry entry = method == 0 ? type.bilinear : type.nearest;
-          const std::string name = std::string("interp3_") + (method == 0 ? "bilinear_" : "nearest_") +
-                                   type.name + "/" + workload_name(w) + "/n:" + std::to_string(n) +
-                                   threads;
-          benchmark::RegisterBenchmark(name.c_str(), type.run, entry, type.name, w, n, t)
+          const std::string variant =
+              std::string(method == 0 ? "bilinear_" : "nearest_") + type.name;
+          const std::string suffix =
+              std::string("/") + workload_name(w) + "/n:" + std::to_string(n) + threads;
+          register_interp("interp3_" + variant + suffix, type,
+                          method == 0 ? type.bilinear : type.nearest, w, n, t);
+          for (const std::string& target : targets) {
+            const std::string plain = "plain_" + target + "_" + variant;
+            void* symbol = plain_library() ? dlsym(plain_library(), plain.c_str()) : nullptr;
+            if (symbol != nullptr) {
+              register_interp(plain + suffix, type, reinterpret_cast<Entry>(symbol), w, n, t);
+            }
+          }
+          benchmark::RegisterBenchmark(("loads/" + variant + suffix).c_str(), type.loads,
+                                       method == 0 ? LOADS_TRILINEAR : LOADS_NEAREST, type.name,
+                                       w, n, t)
               ->UseRealTime()
               ->Unit(benchmark::kMillisecond);
         }
