@@ -22,6 +22,9 @@ import matplotlib
 matplotlib.use("Agg")
 import matplotlib.pyplot as plt  # noqa: E402
 
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+from suite_table import TYPE_ORDER, WORKLOAD_ORDER, cpu_line  # noqa: E402
+
 # implementation -> (colour, line style, label)
 STYLE = {
     "ours": ("#d62728", "-", "ours"),
@@ -32,19 +35,11 @@ STYLE = {
     "stream": ("#7f7f7f", "--", "streaming bound"),
     "loads": ("#000000", "--", "loads-only bound"),
 }
-ORDER = ("axis_x", "axis_y", "axis_z", "oblique", "oblique_45", "oblique_steep", "upsample", "deformed",
-         "random")
-TYPE_ORDER = ("uint8", "int8", "uint16", "int16", "uint32", "int32", "float32", "float64")
-
-
-def cpu_title(meta):
-    c = meta["cpu"]
-    return f"{c['vendor']} family {c['family']} model {c['model']}, {c['model_name']}"
 
 
 def plot(report, method, threads, path, label):
     results = [r for r in report["results"] if r["method"] == method and r["threads"] == threads]
-    workloads = [w for w in ORDER if any(r["workload"] == w for r in results)]
+    workloads = [w for w in WORKLOAD_ORDER if any(r["workload"] == w for r in results)]
     types = [t for t in TYPE_ORDER if any(r["type"] == t for r in results)]
     sizes = sorted({r["n"] for r in results})
     if not workloads or not types:
@@ -80,7 +75,7 @@ def plot(report, method, threads, path, label):
     w, h = fig.get_figwidth(), fig.get_figheight()
     top = 1 - 1.45 / h  # room for three title lines and the legend
     fig.suptitle(f"{method_name}, {threads} thread{'s' * (threads > 1)}: throughput against volume size "
-                 f"(1024 x 1024 points per call)\nCPU: {cpu_title(report['meta'])}\ngit "
+                 f"(1024 x 1024 points per call)\nCPU: {cpu_line(report['meta'])}\ngit "
                  f"{report['meta']['git']}" + (f", {label}" if label else ""), fontsize=10, y=1 - 0.08 / h)
     fig.legend(list(drawn.values()), list(drawn.keys()), loc="lower center", ncol=4, fontsize=8,
                bbox_to_anchor=(0.5, top + 0.3 / h), frameon=False)

@@ -4,7 +4,7 @@ per implementation, and ours over the better plain schedule, over the
 streaming bound and over the loads bound; then the cases where ours is below
 a given multiple of the better plain schedule, and the agreement checks.
 
-    /usr/bin/python3 bench/suite_table.py suite.json [--below 1.25] [--filter REGEX]
+    /usr/bin/python3 bench/suite_table.py suite.json [--below 1.25] [--filter REGEX] [--grid]
 """
 
 import argparse
@@ -94,7 +94,38 @@ def print_checks(checks, out):
         print(f"| {impl} | {share:.3f} | {name} |", file=out)
 
 
-def print_report(report, below=1.25, pattern=None, out=sys.stdout):
+TYPE_ORDER = ("uint8", "int8", "uint16", "int16", "uint32", "int32", "float32", "float64")
+WORKLOAD_ORDER = ("axis_x", "axis_y", "axis_z", "oblique", "oblique_45", "oblique_steep", "upsample",
+                  "deformed", "random")
+
+
+def print_ratio_grid(results, out):
+    """Ours over the better plain schedule, one table per method and thread
+    count: a row per workload and size, a column per type."""
+    types = [t for t in TYPE_ORDER if any(r["type"] == t for r in results)]
+    cell = {(r["method"], r["threads"], r["workload"], r["n"], r["type"]): r for r in results}
+    for method in ("bilinear", "nearest"):
+        for threads in sorted({r["threads"] for r in results}):
+            keys = sorted({(WORKLOAD_ORDER.index(r["workload"]), r["n"]) for r in results
+                           if r["method"] == method and r["threads"] == threads})
+            if not keys:
+                continue
+            print(f"ours / better plain schedule, {method}, {threads} thread{'s' * (threads > 1)}:",
+                  file=out)
+            print(file=out)
+            print("| workload | n | " + " | ".join(types) + " |", file=out)
+            print("|---|--:|" + "--:|" * len(types), file=out)
+            for w, n in keys:
+                row = []
+                for t in types:
+                    r = cell.get((method, threads, WORKLOAD_ORDER[w], n, t))
+                    plain = better_plain(r["mpts"]) if r else None
+                    row.append(f"{r['mpts']['ours'] / plain[0]:.2f}" if plain else "")
+                print(f"| {WORKLOAD_ORDER[w]} | {n} | " + " | ".join(row) + " |", file=out)
+            print(file=out)
+
+
+def print_report(report, below=1.25, pattern=None, out=sys.stdout, grid=False):
     meta = report["meta"]
     results = [r for r in report["results"] if not pattern or re.search(pattern, r["name"])]
     impls = impls_of(report)
@@ -108,7 +139,10 @@ def print_report(report, below=1.25, pattern=None, out=sys.stdout):
         print(f"Plain schedules and the loads bound were not measured: {meta['plain_missing']}.",
               file=out)
     print(file=out)
-    print_rates(results, impls, out)
+    if grid:
+        print_ratio_grid(results, out)
+    else:
+        print_rates(results, impls, out)
     print(file=out)
     print_below(results, below, out)
     print(file=out)
@@ -121,10 +155,12 @@ def main():
     ap.add_argument("--below", type=float, default=1.25,
                     help="list the cases where ours is below this multiple of the better plain schedule")
     ap.add_argument("--filter", default=None, help="regex on case names")
+    ap.add_argument("--grid", action="store_true",
+                    help="instead of every rate, ours over the better plain schedule by workload, size and type")
     args = ap.parse_args()
     with open(args.report) as f:
         report = json.load(f)
-    print_report(report, args.below, args.filter)
+    print_report(report, args.below, args.filter, grid=args.grid)
     return 0
 
 
