@@ -31,6 +31,12 @@ def better_plain(mpts):
     return max(plain) if plain else None
 
 
+def disturbed(r):
+    """Ours had less CPU than its threads while timed (the machine was busy
+    with something else): its figures say little."""
+    return r["cpu_per_wall"]["ours"] < 0.9 * r["threads"]
+
+
 def ratio(a, b):
     return f"{a / b:.2f}" if b else ""
 
@@ -45,7 +51,7 @@ def sort_key(r):
 
 
 def print_rates(results, impls, out):
-    head = ["case", "thr"] + impls + ["ours/plain", "ours/stream", "ours/loads"]
+    head = ["case", "thr"] + impls + ["ours/plain", "ours/stream", "ours/loads", "cpu/wall ours"]
     print("| " + " | ".join(head) + " |", file=out)
     print("|" + "|".join(["---"] + ["--:"] * (len(head) - 1)) + "|", file=out)
     for r in sorted(results, key=sort_key):
@@ -55,6 +61,7 @@ def print_rates(results, impls, out):
         row.append(ratio(m["ours"], plain[0]) if plain else "")
         row.append(ratio(m["ours"], m.get("stream", 0)))
         row.append(ratio(m["ours"], m.get("loads", 0)))
+        row.append(f"{r['cpu_per_wall']['ours']:.2f}" + " *" * disturbed(r))
         print("| " + " | ".join(row) + " |", file=out)
 
 
@@ -69,11 +76,12 @@ def print_below(results, below, out):
     if not rows:
         return
     print(file=out)
-    print("| case | thr | ours | better plain | ours/plain |", file=out)
-    print("|---|--:|--:|---|--:|", file=out)
+    print("| case | thr | ours | better plain | ours/plain | cpu/wall ours |", file=out)
+    print("|---|--:|--:|---|--:|--:|", file=out)
     for r, (rate, name) in rows:
         print(f"| {r['name']} | {r['threads']} | {fmt_rate(r['mpts']['ours'])} | "
-              f"{name} {fmt_rate(rate)} | {r['mpts']['ours'] / rate:.2f} |", file=out)
+              f"{name} {fmt_rate(rate)} | {r['mpts']['ours'] / rate:.2f} | "
+              f"{r['cpu_per_wall']['ours']:.2f}{' *' * disturbed(r)} |", file=out)
 
 
 def print_checks(checks, out):
@@ -120,7 +128,7 @@ def print_ratio_grid(results, out):
                 for t in types:
                     r = cell.get((method, threads, WORKLOAD_ORDER[w], n, t))
                     plain = better_plain(r["mpts"]) if r else None
-                    row.append(f"{r['mpts']['ours'] / plain[0]:.2f}" if plain else "")
+                    row.append(f"{r['mpts']['ours'] / plain[0]:.2f}" + "*" * disturbed(r) if plain else "")
                 print(f"| {WORKLOAD_ORDER[w]} | {n} | " + " | ".join(row) + " |", file=out)
             print(file=out)
 
@@ -135,6 +143,10 @@ def print_report(report, below=1.25, pattern=None, out=sys.stdout, grid=False):
     print(f"Million query points per second, median of {meta['reps']} interleaved repetitions "
           f"(higher is better); ours = kernel set {meta['kernels'][0]}. ours/plain is over the "
           "better of plain_sse41 and plain_avx512.", file=out)
+    busy = sum(1 for r in results if disturbed(r))
+    print(f"cpu/wall is the process's CPU time over wall time while ours ran; * marks the {busy} of "
+          f"{len(results)} cases where it was below 0.9 x the threads (another program had the cores).",
+          file=out)
     if meta.get("plain_missing"):
         print(f"Plain schedules and the loads bound were not measured: {meta['plain_missing']}.",
               file=out)
