@@ -121,6 +121,7 @@ class PlainPeers:
             self.why_not = f"{', '.join(missing)} not built in {build}"
             return
         self.module = peers.Peers(build)
+        self.runs_avx512 = peers.cpu_runs_avx512
 
     def calls(self, names, case, V, X, Y, Z):
         """Callables returning their output, one per name of names."""
@@ -183,6 +184,8 @@ def run_child(args):
         import torch.nn.functional as F
         torch.set_num_threads(threads)
     plain = PlainPeers(args.build)
+    if plain.module is not None and not plain.runs_avx512():
+        active = [n for n in active if n != "plain_avx512"]  # it would fault on this CPU
     plain_names = [n for n in active if n.startswith("plain_") or n == "loads"]
     if plain.module is None:
         active = [n for n in active if n not in plain_names]
