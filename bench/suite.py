@@ -13,7 +13,7 @@ the repetitions is the figure):
                    in compare.py (slow: by default at 1 thread only);
   * stream:        Vq = Xq + Yq + Zq on the same pool, the traffic bound;
   * loads:         the same samples read at the same addresses with the
-                   offsets precomputed and no arithmetic, the loads bound.
+                   offsets precomputed and no interpolation (bench/peers.py).
 Before timing, every implementation's first result is checked against a
 float64 reference (compare.py's check: nearest exact on interior points away
 from .5 ties, trilinear within rounding); any disagreement stops the run.
