@@ -21,8 +21,31 @@ struct Prepared {
   const uint8_t *samples;
   int64_t stride_y, stride_z;  // V's dim-1 and dim-2 strides, in elements
   int cols, rows;
+  bool prefetch;
   std::vector<uint32_t> words;  // one per point, rows dense
 };
+
+// Where the points are scattered over a volume larger than a core's L2, each
+// point first asks for the samples of the point this far ahead, as the
+// library does for large grids, so that the misses overlap (measured here:
+// twice as fast on random points; on coherent points the prefetches only
+// cost instructions, and are left out).
+constexpr int kPrefetchAhead = 48;
+constexpr int64_t kPrefetchAboveBytes = int64_t{1} << 20;
+
+// Scattered: most neighbouring points of a row read lines 64 bytes or more
+// apart.
+bool scattered(const Prepared &p) {
+  int64_t apart = 0, pairs = 0;
+  for (int row = 0; row < p.rows; ++row) {
+    const uint32_t *words = p.words.data() + static_cast<std::size_t>(row) * p.cols;
+    for (int c = 1; c < p.cols; ++c, ++pairs) {
+      const int64_t step = int64_t{words[c] & kOffsetMask} - int64_t{words[c - 1] & kOffsetMask};
+      if ((step < 0 ? -step : step) * p.sample_bytes >= 64) ++apart;
+    }
+  }
+  return 2 * apart > pairs;
+}
 
 // Float to 32-bit index as the library converts: NaN to 0, saturating.
 template <class C>
@@ -120,16 +143,31 @@ int row_task(void * /*user_context*/, int row, uint8_t *closure) {
   const S *__restrict v = reinterpret_cast<const S *>(p.samples);
   const uint32_t *__restrict words = p.words.data() + static_cast<std::size_t>(row) * p.cols;
   R *__restrict out = reinterpret_cast<R *>(task.out) + row * task.out_stride;
+  const int prefetch_end = p.prefetch ? p.cols - kPrefetchAhead : 0;
   if (p.method == LOADS_NEAREST) {
-    for (int c = 0; c < p.cols; ++c) out[c] = static_cast<R>(v[words[c]]);
+    for (int c = 0; c < p.cols; ++c) {
+      if (c < prefetch_end) __builtin_prefetch(v + words[c + kPrefetchAhead], 0, 3);
+      out[c] = static_cast<R>(v[words[c]]);
+    }
     return 0;
   }
+  // The lower pair's offset, and the steps (0 or the stride) to the upper
+  // y and z corners' pairs, chosen without a branch.
+  auto decode = [&p](uint32_t w, int64_t &k, int64_t &dy, int64_t &dz) {
+    k = w & kOffsetMask;
+    dy = -static_cast<int64_t>((w >> kOffsetBits) & 1) & p.stride_y;
+    dz = -static_cast<int64_t>(w >> (kOffsetBits + 1)) & p.stride_z;
+  };
+  int64_t k, dy, dz;
   for (int c = 0; c < p.cols; ++c) {
-    const uint32_t w = words[c];
-    const int64_t k = w & kOffsetMask;
-    // Each step is 0 or the axis's stride, chosen without a branch.
-    const int64_t dy = -static_cast<int64_t>((w >> kOffsetBits) & 1) & p.stride_y;
-    const int64_t dz = -static_cast<int64_t>(w >> (kOffsetBits + 1)) & p.stride_z;
+    if (c < prefetch_end) {
+      decode(words[c + kPrefetchAhead], k, dy, dz);
+      __builtin_prefetch(v + k, 0, 3);
+      __builtin_prefetch(v + k + dy, 0, 3);
+      __builtin_prefetch(v + k + dz, 0, 3);
+      __builtin_prefetch(v + k + dy + dz, 0, 3);
+    }
+    decode(words[c], k, dy, dz);
     using Pair = decltype(load_pair(v));
     const auto pairs = static_cast<Pair>(load_pair(v + k) ^ load_pair(v + k + dy) ^
                                          load_pair(v + k + dz) ^ load_pair(v + k + dy + dz));
@@ -185,6 +223,9 @@ extern "C" void *loads_prepare(int method, int type_code, int type_bits, const h
     delete p;
     return nullptr;
   }
+  p->prefetch = int64_t{V->dim[0].extent} * V->dim[1].extent * V->dim[2].extent * sample_bytes >
+                    kPrefetchAboveBytes &&
+                scattered(*p);
   return p;
 }
 

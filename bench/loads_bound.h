@@ -24,7 +24,9 @@
 // less streaming traffic than the library, never more, and stays a bound.
 //
 // loads_run (timed) reads, per point, its word and its samples (scalar
-// loads, no hardware gathers), XORs their raw bits together and stores that
+// loads, no hardware gathers; where the points are scattered over a volume
+// above 1 MiB, with prefetches 48 points ahead, as the library prefetches
+// for large grids), XORs their raw bits together and stores that
 // as one word of the coordinate type's size (4 bytes; 8 for float64
 // samples), the size of the library's result. Rows run on the Halide
 // runtime's pool, one halide_do_par_for task per row, as the library's rows
