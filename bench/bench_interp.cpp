@@ -274,7 +274,6 @@ void register_interp(const std::string& name, const TypeEntry& type, Entry entry
 void register_all(int t) {
   // Volume size and sample type outer, so that consecutive benchmarks share a volume.
   const int sizes[] = {64, 128, 256, 512};
-  const Workload workloads[] = {Workload::oblique, Workload::upsample, Workload::random};
   const std::string threads = "/threads:" + std::to_string(t);
   const std::string points = "/points:" + std::to_string(kPoints);
   benchmark::RegisterBenchmark(("stream/float32" + points + threads).c_str(), bm_stream<float>, t)
@@ -295,7 +294,7 @@ void register_all(int t) {
   const std::vector<std::string> targets = plain_targets();
   for (int n : sizes) {
     for (const TypeEntry& type : kTypes) {
-      for (Workload w : workloads) {
+      for (Workload w : kAllWorkloads) {
         for (int method = 0; method < 2; ++method) {
           const std::string variant =
               std::string(method == 0 ? "bilinear_" : "nearest_") + type.name;

@@ -38,6 +38,7 @@ import ctypes
 import datetime
 import hashlib
 import json
+import math
 import os
 import platform
 import re
@@ -114,19 +115,93 @@ def splitmix64_uniform(seed, count):
     return (z >> np.uint64(11)).astype(np.float64) * 2.0**-53
 
 
-def make_coords(workload, n, ct):
-    """1-based query coordinates X, Y, Z as (ROWS, COLS) arrays of dtype ct."""
+WORKLOADS = ("axis_x", "axis_y", "axis_z", "oblique", "oblique_45", "oblique_steep", "upsample",
+             "deformed", "random")
+
+# The oblique planes: the direction of their rows and a second direction in
+# the plane (both normalized, the second made orthogonal, by plane()).
+PLANES = {"oblique": ((1.0, 0.5, 0.25), (-0.4, 1.0, 0.6)),
+          "oblique_45": ((0.7, 0.1, 0.7), (0.2, 1.0, -0.3)),
+          "oblique_steep": ((0.17, 0.08, 0.98), (-0.3, 1.0, 0.1))}
+
+# The deformed grid: extents (x, y, z) and per grid axis b the amplitude and
+# cycles of its displacement term, per output axis a and grid axis b the phase.
+DEFORM_GRID = (128, 128, 64)
+DEFORM_AMPLITUDE = (2.0, 1.5, 1.0)
+DEFORM_CYCLES = (1.0, 2.0, 1.0)
+DEFORM_PHASE = ((0.0, 1.0, 2.0), (0.5, 1.5, 2.5), (1.2, 0.2, 2.2))
+
+
+def dot3(a, b):
+    # Summed left to right, as workloads.h does (a BLAS dot may not).
+    return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]
+
+
+def plane(n, u, v):
+    """The square of side 0.7 (n - 1) centred on the plane spanned by u and
+    v (Gram-Schmidt), rows along u: x, y, z as (ROWS, COLS) float64 arrays."""
+    nu = math.sqrt(dot3(u, u))
+    u = [e / nu for e in u]
+    d = dot3(u, v)
+    v = [v[k] - d * u[k] for k in range(3)]
+    nv = math.sqrt(dot3(v, v))
+    v = [e / nv for e in v]
     centre = (n + 1) / 2.0
-    if workload == "oblique":
-        u = np.array([1.0, 0.5, 0.25])
-        u /= np.sqrt(u @ u)
-        v = np.array([-0.4, 1.0, 0.6])
-        v -= (u @ v) * u
-        v /= np.sqrt(v @ v)
-        side = 0.7 * (n - 1)
-        a = ((np.arange(COLS) + 0.5) / COLS - 0.5) * side
-        b = ((np.arange(ROWS) + 0.5) / ROWS - 0.5) * side
-        xyz = [centre + a[None, :] * u[k] + b[:, None] * v[k] for k in range(3)]
+    side = 0.7 * (n - 1)
+    a = ((np.arange(COLS) + 0.5) / COLS - 0.5) * side
+    b = ((np.arange(ROWS) + 0.5) / ROWS - 0.5) * side
+    return [centre + a[None, :] * u[k] + b[:, None] * v[k] for k in range(3)]
+
+
+def axis_slice(n, col_axis, row_axis):
+    """A slice through the whole extent along volume axes col_axis (columns)
+    and row_axis (rows), the third axis at centre + 0.3."""
+    along_col = 1.0 + (n - 1) * ((np.arange(COLS) + 0.5) / COLS)
+    along_row = 1.0 + (n - 1) * ((np.arange(ROWS) + 0.5) / ROWS)
+    fixed = (n + 1) / 2.0 + 0.3
+    shape = (ROWS, COLS)
+    return [np.broadcast_to(along_col[None, :], shape) if a == col_axis else
+            np.broadcast_to(along_row[:, None], shape) if a == row_axis else np.full(shape, fixed)
+            for a in range(3)]
+
+
+def deformed(n):
+    """A regular grid around the centre moved by a smooth displacement."""
+    g = DEFORM_GRID
+    centre = (n + 1) / 2.0
+    spacing = 0.8 * (n - 1) / g[0]
+    shape = (g[2], g[1], g[0])
+    xyz = []
+    for a in range(3):
+        terms = []
+        for b in range(3):
+            # math.sin is the C library's sine, as in workloads.h.
+            shift = np.array([DEFORM_AMPLITUDE[b] * math.sin(
+                2.0 * math.pi * DEFORM_CYCLES[b] * ((i + 0.5) / g[b]) + DEFORM_PHASE[a][b])
+                for i in range(g[b])])
+            if a == b:
+                shift = (centre + (np.arange(g[b]) + 0.5 - g[b] // 2) * spacing) + shift
+            terms.append(shift.reshape([-1 if k == 2 - b else 1 for k in range(3)]))
+        q = terms[a]
+        for b in range(3):
+            if b != a:
+                q = q + terms[b]
+        xyz.append(np.broadcast_to(q, shape).reshape(ROWS, COLS))
+    return xyz
+
+
+def make_coords(workload, n, ct):
+    """1-based query coordinates X, Y, Z as (ROWS, COLS) arrays of dtype ct,
+    the points of bench/workloads.h bit for bit."""
+    centre = (n + 1) / 2.0
+    if workload == "axis_x":
+        xyz = axis_slice(n, 0, 1)
+    elif workload == "axis_y":
+        xyz = axis_slice(n, 1, 2)
+    elif workload == "axis_z":
+        xyz = axis_slice(n, 2, 0)
+    elif workload in PLANES:
+        xyz = plane(n, *PLANES[workload])
     elif workload == "upsample":
         f, bx, by, bz = 4, 32, 32, 16
         ix = (np.arange(bx * f) + 0.5) / f
@@ -137,6 +212,8 @@ def make_coords(workload, n, ct):
                np.broadcast_to((centre - by // 2 + iy)[None, :, None], shape),
                np.broadcast_to((centre - bz // 2 + iz)[:, None, None], shape)]
         xyz = [q.reshape(ROWS, COLS) for q in xyz]
+    elif workload == "deformed":
+        xyz = deformed(n)
     elif workload == "random":
         r = splitmix64_uniform(0x5EED0000 + n, 3 * POINTS).reshape(ROWS, COLS, 3)
         xyz = [1.0 + (n - 1) * r[:, :, k] for k in range(3)]
@@ -311,6 +388,23 @@ def check_case(case, V, X, Y, Z, outputs, scipy_ndimage):
     return int(mask.sum()), results, failures
 
 
+def verify_case(case, V, X, Y, Z, outputs, ours, scipy_ndimage, program):
+    """Checks first outputs: every kernel set of ours (names `ours`, the first
+    the reference) gives the same bits, and every implementation agrees with
+    the float64 reference (check_case). Exits on any failure; returns (digest
+    of ours' output, points checked, check_case's results)."""
+    first = outputs[ours[0]]
+    failures = [f"{case.name}: kernel sets give different bits ({name} vs {ours[0]})"
+                for name in ours[1:] if outputs[name].tobytes() != first.tobytes()]
+    npts, res, fails = check_case(case, V, X, Y, Z, outputs, scipy_ndimage)
+    failures += fails
+    if failures:
+        for f in failures:
+            print("DISAGREEMENT: " + f, file=sys.stderr)
+        sys.exit(f"{program}: implementations disagree beyond rounding; no timings reported")
+    return hashlib.sha256(first.tobytes()).hexdigest(), npts, res
+
+
 # --------------------------------------------------------------------------
 # Timing
 
@@ -479,8 +573,9 @@ def impl_names_of(args, kernels, labels):
     return names + ["stream"]
 
 
-def selected_cases(args):
-    cases = default_cases(args.quick)
+def selected_cases(args, all_cases=default_cases):
+    """all_cases(args.quick), narrowed by args.filter."""
+    cases = all_cases(args.quick)
     if args.filter:
         cases = [c for c in cases if re.search(args.filter, c.name)]
     return cases
@@ -530,18 +625,10 @@ def run_child(args):
 
         # A first call of each, whose results are checked.
         outputs = {name: np.array(fn()).reshape(ROWS, COLS) for name, fn in fns.items() if name != "stream"}
-        ours = outputs[impl_names[0]]
-        failures = [f"{case.name}: kernel sets give different bits ({name} vs {impl_names[0]})"
-                    for name in impl_names[1:len(kernels)] if outputs[name].tobytes() != ours.tobytes()]
-        digests[idx] = hashlib.sha256(ours.tobytes()).hexdigest()
-        npts, res, fails = check_case(case, V, X, Y, Z, outputs, ndi)
+        digests[idx], npts, res = verify_case(case, V, X, Y, Z, outputs, impl_names[:len(kernels)], ndi,
+                                              "compare.py")
         checks.append((idx, npts, res))
-        failures += fails
-        if failures:
-            for f in failures:
-                print("DISAGREEMENT: " + f, file=sys.stderr)
-            sys.exit("compare.py: implementations disagree beyond rounding; no timings reported")
-        del outputs, ours
+        del outputs
 
         med, util = time_interleaved(fns, args.reps, args.sample_time)
         results.append({"case": idx, "name": case.name, "threads": threads,
