@@ -91,10 +91,10 @@ struct RowPlan {
   // window of `lanes` samples may start from 0 to window_last_start, and
   // there is none (-1) when the span is shorter than a window.
   int32_t window_last_start = -1;
-  // True when the row's points are scattered over a grid that spans more
-  // memory than the caches are likely to hold: they then wait on memory,
-  // and gathered groups fetch the grid lines of a group a few groups ahead
-  // (prefetch_group).
+  // True when the grid spans more memory than the caches are likely to
+  // hold for the row's points (less for scattered ones): they then wait on
+  // memory, and gathered groups fetch the grid lines of a group a few
+  // groups ahead (prefetch_group).
   bool prefetch = false;
   // True when every axis has samples and its bound n - 1 converted to the
   // coordinate type is not above n - 1 (it can round up above 2^24 in
@@ -114,10 +114,14 @@ inline bool bounds_exact(const Grid<Sample>& g) {
 // placing a window (an offset minus at most half a vector) cannot wrap.
 inline constexpr int32_t window_margin = 64;
 
-// Grids spanning more than this many bytes (a core's second-level cache)
-// are prefetched for when scattered groups are gathered. Below it the grid
-// mostly sits in the caches and the prefetches only cost instructions.
-inline constexpr int64_t prefetch_above_bytes = int64_t{1} << 20;
+// Gathered groups ask for the grid lines of groups further on where the
+// grid spans more than these many bytes: a core's second-level cache for
+// scattered points, more for coherent ones, whose lines the caches and the
+// hardware's prefetchers mostly hold already (oblique planes through 512^3
+// need it: without, trilinear ran at half the speed). Below them the
+// prefetches only cost instructions.
+inline constexpr int64_t prefetch_scattered_above_bytes = int64_t{1} << 20;
+inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
 
 // Windows compare offsets with window starts as unsigned differences, which
 // needs every two offsets of the grid to lie within 2^31 of each other, and
@@ -736,9 +740,9 @@ template <class Wide, Method M, class Sample>
   const Grid<Sample> g = grid;  // local copies, as in window_run
   const RowPlan plan = row_plan;
   const RowSpan<CoordOf<Sample>> r = span;
-  // As far ahead as a few hundred cycles of work: six nearest groups, two
+  // As far ahead as a few hundred cycles of work: six nearest groups, three
   // trilinear ones (each reads four grid lines per lane).
-  constexpr int64_t ahead = (M == Method::nearest ? 6 : 2) * Wide::lanes;
+  constexpr int64_t ahead = (M == Method::nearest ? 6 : 3) * Wide::lanes;
   for (; c + Wide::lanes <= stop; c += Wide::lanes) {
     if (plan.prefetch && c + ahead + Wide::lanes <= end) {
       GroupKernel<Wide, Sample, Fetch::gathers>::template prefetch_group<M>(
@@ -827,9 +831,9 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
 // start (float32 nearest, oblique plane through 256^3: 1.7x faster).
 //
 // Points that jump several samples from one to the next are scattered: in a
-// grid beyond the caches each waits on memory, and gathered groups ask for
-// the lines of the groups ahead (prefetch_group). Coherent points gain
-// nothing from that: the hardware's prefetchers follow them.
+// grid beyond a core's second-level cache each waits on memory, and
+// gathered groups ask for the lines of the groups ahead (prefetch_group).
+// Coherent points need that only in larger grids.
 inline constexpr double window_row_crossings_per_group = 1;
 inline constexpr double scattered_samples_per_point = 4;
 //
@@ -865,8 +869,8 @@ inline RowShape row_shape(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>&
   shape.scattered = !(along_x + across_rows <= 2 * scattered_samples_per_point * (lanes - 1));
   const int64_t step =
       (along_y >= along_z ? int64_t{g.stride1} : int64_t{g.stride2}) * int64_t{sizeof(Sample)};
-  shape.strided = along_x < 1 && across_rows >= 4 && !shape.scattered &&
-                  (step < 0 ? -step : step) <= strided_row_step_bytes;
+  shape.strided = along_x < 1 && std::min(along_y, along_z) < 1 && across_rows >= 4 &&
+                  !shape.scattered && (step < 0 ? -step : step) <= strided_row_step_bytes;
   return shape;
 }
 
@@ -897,9 +901,9 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
                   ? Fetch::windows
                   : Fetch::gathers;
       strided = shape.strided;
-      plan.prefetch =
-          shape.scattered &&
-          (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)} > prefetch_above_bytes;
+      const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
+      plan.prefetch = grid_bytes > (shape.scattered ? prefetch_scattered_above_bytes
+                                                    : prefetch_coherent_above_bytes);
     }
     switch (fetch) {
       case Fetch::per_lane:
