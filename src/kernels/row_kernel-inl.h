@@ -849,28 +849,36 @@ struct RowShape {
   bool strided = false;
 };
 inline constexpr int64_t strided_row_step_bytes = 4096;
+// Each kind is decided by the groups at the row's start, a third and two
+// thirds along, two of three deciding: a single jump (an upsampling grid
+// wrapping to its next row within the output row) does not decide alone.
 template <class Sample>
 inline RowShape row_shape(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r, int64_t columns,
                           int32_t lanes) {
   RowShape shape;
   if (columns < lanes) return shape;
-  double along_x = 0, along_y = 0, along_z = 0;
+  int windows = 0, scattered = 0, strided = 0;
   auto measure_group_at = [&](int64_t c) {
     const int64_t e = c + lanes - 1;
-    along_x += std::fabs(double(r.xq[e]) - double(r.xq[c]));
-    along_y += std::fabs(double(r.yq[e]) - double(r.yq[c]));
-    along_z += std::fabs(double(r.zq[e]) - double(r.zq[c]));
+    const double along_x = std::fabs(double(r.xq[e]) - double(r.xq[c]));
+    const double along_y = std::fabs(double(r.yq[e]) - double(r.yq[c]));
+    const double along_z = std::fabs(double(r.zq[e]) - double(r.zq[c]));
+    const double across_rows = along_y + along_z;
+    windows += across_rows <= window_row_crossings_per_group && along_x <= double(lanes);
+    const bool far = !(along_x + across_rows <= scattered_samples_per_point * (lanes - 1));
+    scattered += far;
+    const int64_t step =
+        (along_y >= along_z ? int64_t{g.stride1} : int64_t{g.stride2}) * int64_t{sizeof(Sample)};
+    strided += along_x < 0.5 && std::min(along_y, along_z) < 0.5 && across_rows >= 2 && !far &&
+               (step < 0 ? -step : step) <= strided_row_step_bytes;
   };
+  const int64_t last_start = columns - lanes;
   measure_group_at(0);
-  measure_group_at((columns - lanes) / 2);
-  const double across_rows = along_y + along_z;
-  shape.windows_likely =
-      across_rows <= 2 * window_row_crossings_per_group && along_x <= 2 * double(lanes);
-  shape.scattered = !(along_x + across_rows <= 2 * scattered_samples_per_point * (lanes - 1));
-  const int64_t step =
-      (along_y >= along_z ? int64_t{g.stride1} : int64_t{g.stride2}) * int64_t{sizeof(Sample)};
-  shape.strided = along_x < 1 && std::min(along_y, along_z) < 1 && across_rows >= 4 &&
-                  !shape.scattered && (step < 0 ? -step : step) <= strided_row_step_bytes;
+  measure_group_at(last_start / 3);
+  measure_group_at(last_start / 3 * 2);
+  shape.windows_likely = windows >= 2;
+  shape.scattered = scattered >= 2;
+  shape.strided = strided >= 2;
   return shape;
 }
 
