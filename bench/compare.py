@@ -236,37 +236,8 @@ def make_volume(type_name, n, seed=12345):
 # Our library through ctypes
 
 
-class HalideDimension(ctypes.Structure):
-    _fields_ = [("min", ctypes.c_int32), ("extent", ctypes.c_int32),
-                ("stride", ctypes.c_int32), ("flags", ctypes.c_uint32)]
-
-
-class HalideType(ctypes.Structure):
-    _fields_ = [("code", ctypes.c_uint8), ("bits", ctypes.c_uint8), ("lanes", ctypes.c_uint16)]
-
-
-class HalideBuffer(ctypes.Structure):
-    _fields_ = [("device", ctypes.c_uint64), ("device_interface", ctypes.c_void_p),
-                ("host", ctypes.c_void_p), ("flags", ctypes.c_uint64), ("type", HalideType),
-                ("dimensions", ctypes.c_int32), ("dim", ctypes.POINTER(HalideDimension)),
-                ("padding", ctypes.c_void_p)]
-
-
-def halide_buffer(array, code, bits):
-    """A descriptor over a C-contiguous numpy array; dim 0 is the last numpy axis."""
-    assert array.flags.c_contiguous
-    dims = (HalideDimension * array.ndim)()
-    stride = 1
-    for d, extent in enumerate(reversed(array.shape)):
-        dims[d] = HalideDimension(0, extent, stride, 0)
-        stride *= extent
-    buf = HalideBuffer()
-    buf.host = array.ctypes.data
-    buf.type = HalideType(code, bits, 1)
-    buf.dimensions = array.ndim
-    buf.dim = dims
-    buf._keep = (array, dims)  # keep the memory alive with the descriptor
-    return buf
+# The halide_buffer_t descriptor, shared with the other peers' callers.
+from peers import HalideBuffer, HalideDimension, HalideType, halide_buffer  # noqa: E402,F401
 
 
 def bind_entries(lib):

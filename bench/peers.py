@@ -53,8 +53,7 @@ METHODS = ("nearest", "bilinear")
 LOADS_METHOD = {"nearest": 0, "bilinear": 1}  # LOADS_NEAREST, LOADS_TRILINEAR
 
 
-# The halide_buffer_t descriptor. A copy of compare.py's, not an import of
-# it: compare.py imports this module.
+# The halide_buffer_t descriptor (compare.py and suite.py use it too).
 class HalideDimension(ctypes.Structure):
     _fields_ = [("min", ctypes.c_int32), ("extent", ctypes.c_int32),
                 ("stride", ctypes.c_int32), ("flags", ctypes.c_uint32)]

@@ -71,10 +71,10 @@ def suite_cases(quick):
     return cases
 
 
-def parse_peers(spec):
+def parse_peers(peer_list):
     """'name[@t[+t...]]' comma list -> {peer: thread counts or None for all}."""
     peers = {}
-    for item in filter(None, spec.split(",")):
+    for item in filter(None, peer_list.split(",")):
         name, _, threads = item.partition("@")
         if name not in PEERS:
             sys.exit(f"suite.py: unknown peer {name!r}; peers are {', '.join(PEERS)}")
