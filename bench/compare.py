@@ -58,16 +58,7 @@ POINTS = COLS * ROWS
 FILL = 0.0  # grid_sample pads with zeros, so every implementation fills with 0
 
 # type name -> (sample dtype, coordinate dtype, halide type code, bits)
-TYPES = {
-    "float32": (np.float32, np.float32, 2, 32),
-    "float64": (np.float64, np.float64, 2, 64),
-    "int8": (np.int8, np.float32, 0, 8),
-    "uint8": (np.uint8, np.float32, 1, 8),
-    "int16": (np.int16, np.float32, 0, 16),
-    "uint16": (np.uint16, np.float32, 1, 16),
-    "int32": (np.int32, np.float32, 0, 32),
-    "uint32": (np.uint32, np.float32, 1, 32),
-}
+from peers import TYPES  # noqa: E402
 
 
 class Case:
