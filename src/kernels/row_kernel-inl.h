@@ -40,6 +40,12 @@
 
 #include "kernels/blend.h"  // blend formulas for this target
 
+// Plain C++ the kernel sets share: included before the target region, so
+// that it is compiled for the baseline instruction set.
+#if !defined(QZ_ROW_SHAPE_H)
+#error "include kernels/row_shape.h before the target region"
+#endif
+
 // A group's whole computation is inlined into the row loop, so that its
 // constants stay in registers across groups; the loop over groups read
 // through windows has no call in it (window_run).
@@ -114,14 +120,6 @@ inline bool bounds_exact(const Grid<Sample>& g) {
 // placing a window (an offset minus at most half a vector) cannot wrap.
 inline constexpr int32_t window_margin = 64;
 
-// Gathered groups ask for the grid lines of groups further on where the
-// grid spans more than these many bytes: a core's second-level cache for
-// scattered points, more for coherent ones, whose lines the caches and the
-// hardware's prefetchers mostly hold already (oblique planes through 512^3
-// need it: without, trilinear ran at half the speed). Below them the
-// prefetches only cost instructions.
-inline constexpr int64_t prefetch_scattered_above_bytes = int64_t{1} << 20;
-inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
 
 // Windows compare offsets with window starts as unsigned differences, which
 // needs every two offsets of the grid to lie within 2^31 of each other, and
@@ -820,68 +818,6 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
   return c;
 }
 
-// How a row's points move, from the distance one wide group's points cover
-// at the row's start and middle (NaN distances count as far).
-//
-// Windows serve a group when its lanes lie in at most two grid rows (along
-// y and z) and span less than a window along x. Where the points cross grid
-// rows more often than about once a group (oblique and steep planes,
-// slices across rows, deformed grids through small volumes), failed
-// attempts cost more than windows save, and the row is gathered from the
-// start (float32 nearest, oblique plane through 256^3: 1.7x faster).
-//
-// Points that jump several samples from one to the next are scattered: in a
-// grid beyond a core's second-level cache each waits on memory, and
-// gathered groups ask for the lines of the groups ahead (prefetch_group).
-// Coherent points need that only in larger grids.
-inline constexpr double window_row_crossings_per_group = 1;
-inline constexpr double scattered_samples_per_point = 4;
-//
-// A row that runs across grid rows at a fixed x, one row a few hundred
-// bytes from the next (an axis-aligned slice whose rows run along y), is
-// strided: the lines a hardware gather touches then escape the stride
-// prefetchers that follow scalar loads, and a set with gathers reads such
-// rows through its StridedRows operations (uint8 trilinear through the
-// centre of 512^3, Zen 5: about 2x).
-struct RowShape {
-  bool windows_likely = false;
-  bool scattered = false;
-  bool strided = false;
-};
-inline constexpr int64_t strided_row_step_bytes = 4096;
-// Each kind is decided by the groups at the row's start, a third and two
-// thirds along, two of three deciding: a single jump (an upsampling grid
-// wrapping to its next row within the output row) does not decide alone.
-template <class Sample>
-inline RowShape row_shape(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r, int64_t columns,
-                          int32_t lanes) {
-  RowShape shape;
-  if (columns < lanes) return shape;
-  int windows = 0, scattered = 0, strided = 0;
-  auto measure_group_at = [&](int64_t c) {
-    const int64_t e = c + lanes - 1;
-    const double along_x = std::fabs(double(r.xq[e]) - double(r.xq[c]));
-    const double along_y = std::fabs(double(r.yq[e]) - double(r.yq[c]));
-    const double along_z = std::fabs(double(r.zq[e]) - double(r.zq[c]));
-    const double across_rows = along_y + along_z;
-    windows += across_rows <= window_row_crossings_per_group && along_x <= double(lanes);
-    const bool far = !(along_x + across_rows <= scattered_samples_per_point * (lanes - 1));
-    scattered += far;
-    const int64_t step =
-        (along_y >= along_z ? int64_t{g.stride1} : int64_t{g.stride2}) * int64_t{sizeof(Sample)};
-    strided += along_x < 0.5 && std::min(along_y, along_z) < 0.5 && across_rows >= 2 && !far &&
-               (step < 0 ? -step : step) <= strided_row_step_bytes;
-  };
-  const int64_t last_start = columns - lanes;
-  measure_group_at(0);
-  measure_group_at(last_start / 3);
-  measure_group_at(last_start / 3 * 2);
-  shape.windows_likely = windows >= 2;
-  shape.scattered = scattered >= 2;
-  shape.strided = strided >= 2;
-  return shape;
-}
-
 // A row: its full blocks left to right, then the last block, which spans the
 // W columns ending at the row's last column and so rewrites any overlap with
 // its own sequence. Full blocks may be covered by wide vectors (several
@@ -910,8 +846,8 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
                   : Fetch::gathers;
       strided = shape.strided;
       const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
-      plan.prefetch = grid_bytes > (shape.scattered ? prefetch_scattered_above_bytes
-                                                    : prefetch_coherent_above_bytes);
+      plan.prefetch = shape.prefetches(M, int64_t{sizeof(Sample)}, grid_bytes);
+
     }
     switch (fetch) {
       case Fetch::per_lane:

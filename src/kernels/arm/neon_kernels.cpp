@@ -17,6 +17,7 @@
 #include "kernels/dispatch.h"
 #include "kernels/kernel_set.h"
 #include "kernels/row_api.h"
+#include "kernels/row_shape.h"
 #include "kernels/sample.h"
 
 #define QZ_TARGET_NS neon

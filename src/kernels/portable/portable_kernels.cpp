@@ -11,6 +11,7 @@
 #include "kernels/kernel_set.h"
 #include "kernels/portable/portable_kernels.h"
 #include "kernels/row_api.h"
+#include "kernels/row_shape.h"
 #include "kernels/sample.h"
 
 #define QZ_TARGET_NS portable

@@ -14,6 +14,7 @@
 #include "kernels/dispatch.h"
 #include "kernels/kernel_set.h"
 #include "kernels/row_api.h"
+#include "kernels/row_shape.h"
 #include "kernels/sample.h"
 #include "kernels/x86/x86_kernels.h"
 

@@ -1,0 +1,156 @@
+// How a row's points move, and what the row kernel makes of it: whether its
+// groups are read through windows or gathered, whether it is read as a
+// strided row, and whether gathered groups ask for the grid lines ahead.
+// None of it changes a value: only the way the same samples are read.
+// Plain C++, included before any target region, so every kernel set shares
+// one compiled copy and the tests can check the rule directly.
+#pragma once
+#define QZ_ROW_SHAPE_H 1
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+
+#include "kernels/row_api.h"
+#include "kernels/variant.h"
+
+namespace qzinterp3d {
+
+// The shape is measured on one wide group's points (the distance its first
+// and last lanes lie apart along each axis) in three groups: at the row's
+// start, a third and two thirds along. Two of three decide each property,
+// so that a single jump (an upsampling grid wrapping to its next row within
+// the output row) does not decide alone. NaN distances count as far.
+//
+// Windows serve a group when its lanes lie in at most two grid rows (along
+// y and z) and span less than a window along x. Where the points cross grid
+// rows more often than about once a group (oblique and steep planes,
+// slices across rows, deformed grids through small volumes), failed
+// attempts cost more than windows save, and the row is gathered from the
+// start (float32 nearest, oblique plane through 256^3: 1.7x faster).
+inline constexpr double window_row_crossings_per_group = 1;
+
+// Points that jump several samples from one to the next are scattered: in a
+// grid beyond a core's second-level cache each waits on memory, and
+// gathered groups ask for the lines of the groups ahead (prefetch_group).
+inline constexpr double scattered_samples_per_point = 4;
+
+// A row that runs across grid rows at a fixed x, one row a few hundred
+// bytes from the next (an axis-aligned slice whose rows run along y), is
+// strided: the lines a hardware gather touches then escape the stride
+// prefetchers that follow scalar loads, and a set with gathers reads such
+// rows through its StridedRows operations (uint8 trilinear through the
+// centre of 512^3, Zen 5: about 2x).
+inline constexpr int64_t strided_row_step_bytes = 4096;
+
+// Gathered groups ask for the grid lines of groups further on only where
+// the grid spans more than these many bytes: a core's second-level cache
+// for scattered points, more for coherent ones, whose lines the caches and
+// the hardware's prefetchers mostly hold already.
+inline constexpr int64_t prefetch_scattered_above_bytes = int64_t{1} << 20;
+inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
+
+// Whether a coherent gathered row in such a grid asks for lines ahead
+// depends on how fast it leaves the lines it has read:
+//   - a row that only crosses planes (the axis of the largest stride) at a
+//     fixed x and y (an axis-aligned slice whose rows run across the planes)
+//     never does: all its lines fall into the same cache sets, whole planes
+//     apart, and lines asked for ahead push out the ones about to be read
+//     (nearest through 512^3: 1.7x faster without);
+//   - a row that crosses planes often, or moves along x by a sample or more
+//     a point (a deformed grid), reads lines that the next rows do not find
+//     in the caches: planes apart, they fall into few cache sets
+//     (trilinear, oblique plane at 45 degrees through 512^3: 2x faster
+//     with);
+//   - a row that stays within planes across grid rows (a slice whose rows
+//     run along y) asks, as scattered rows do: the rows after it read other
+//     planes;
+//   - any other row (a gently oblique plane) finds most of its lines where
+//     the rows before it left them, and asking for them only costs
+//     instructions (nearest, oblique plane through 256^3: 1.5x faster
+//     without).
+// Nearest reads one sample per point against trilinear's four x pairs, so
+// its prefetches cost more per read they save: it asks only where planes
+// pass faster. Trilinear over 8-byte samples reads four 16-byte pairs a
+// point and leaves its lines twice as fast as over 4-byte ones: it asks in
+// every such row (float64, oblique plane through 512^3: 1.25x faster with).
+inline constexpr int64_t prefetch_trilinear_sample_bytes = 8;
+inline constexpr double prefetch_planes_per_point_nearest = 0.15;
+inline constexpr double prefetch_planes_per_point_trilinear = 0.1;
+inline constexpr double prefetch_x_samples_per_point = 1;
+// A coordinate that moves less than this over a group counts as fixed.
+inline constexpr double fixed_within_group = 1.0 / 16;
+
+struct RowShape {
+  bool windows_likely = false;
+  bool scattered = false;
+  bool strided = false;
+  bool across_planes_only = false;  // x and y fixed (in a dense grid)
+  bool along_rows_only = false;     // x and z fixed (in a dense grid)
+  // Planes passed per point at or above the nearest and trilinear limits.
+  bool planes_fast_for_nearest = false;
+  bool planes_fast_for_trilinear = false;
+  bool x_fast = false;  // x moves by prefetch_x_samples_per_point or more a point
+
+  // Whether gathered groups of a method ask for the lines of the groups
+  // ahead, in a grid of samples of sample_bytes whose offsets span
+  // grid_bytes.
+  bool prefetches(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
+    if (scattered) return grid_bytes > prefetch_scattered_above_bytes;
+    if (grid_bytes <= prefetch_coherent_above_bytes || across_planes_only) return false;
+    if (along_rows_only || x_fast) return true;
+    if (method == Method::nearest) return planes_fast_for_nearest;
+    return planes_fast_for_trilinear || sample_bytes >= prefetch_trilinear_sample_bytes;
+  }
+};
+
+template <class Sample>
+inline RowShape row_shape(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>& r, int64_t columns,
+                          int32_t lanes) {
+  RowShape shape;
+  if (columns < lanes) return shape;
+  int windows = 0, scattered = 0, strided = 0, x_fast = 0;
+  int across_planes_only = 0, along_rows_only = 0;
+  int planes_fast_nearest = 0, planes_fast_trilinear = 0;
+  const double steps = lanes - 1;
+  // The planes are the axis of the larger stride (z in a dense grid).
+  const bool planes_along_z = std::abs(int64_t{g.stride2}) >= std::abs(int64_t{g.stride1});
+  auto measure_group_at = [&](int64_t c) {
+    const int64_t e = c + lanes - 1;
+    const double along_x = std::fabs(double(r.xq[e]) - double(r.xq[c]));
+    const double along_y = std::fabs(double(r.yq[e]) - double(r.yq[c]));
+    const double along_z = std::fabs(double(r.zq[e]) - double(r.zq[c]));
+    const double across_rows = along_y + along_z;
+    windows += across_rows <= window_row_crossings_per_group && along_x <= double(lanes);
+    const bool far = !(along_x + across_rows <= scattered_samples_per_point * steps);
+    scattered += far;
+    const bool along_one_axis =
+        along_x < 0.5 && std::min(along_y, along_z) < 0.5 && across_rows >= 2 && !far;
+    const int64_t step =
+        (along_y >= along_z ? int64_t{g.stride1} : int64_t{g.stride2}) * int64_t{sizeof(Sample)};
+    strided += along_one_axis && std::abs(step) <= strided_row_step_bytes;
+    const double planes = planes_along_z ? along_z : along_y;
+    const double rows = planes_along_z ? along_y : along_z;
+    const bool x_fixed = along_x < fixed_within_group;
+    across_planes_only += x_fixed && rows < fixed_within_group && planes >= fixed_within_group;
+    along_rows_only += x_fixed && planes < fixed_within_group && rows >= fixed_within_group;
+    planes_fast_nearest += planes >= prefetch_planes_per_point_nearest * steps;
+    planes_fast_trilinear += planes >= prefetch_planes_per_point_trilinear * steps;
+    x_fast += along_x >= prefetch_x_samples_per_point * steps;
+  };
+  const int64_t last_start = columns - lanes;
+  measure_group_at(0);
+  measure_group_at(last_start / 3);
+  measure_group_at(last_start / 3 * 2);
+  shape.windows_likely = windows >= 2;
+  shape.scattered = scattered >= 2;
+  shape.strided = strided >= 2;
+  shape.across_planes_only = across_planes_only >= 2;
+  shape.along_rows_only = along_rows_only >= 2;
+  shape.planes_fast_for_nearest = planes_fast_nearest >= 2;
+  shape.planes_fast_for_trilinear = planes_fast_trilinear >= 2;
+  shape.x_fast = x_fast >= 2;
+  return shape;
+}
+
+}  // namespace qzinterp3d

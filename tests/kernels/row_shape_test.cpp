@@ -1,0 +1,190 @@
+// How a row's points move decides how its groups read the grid: windows or
+// gathers, strided rows, and whether gathered groups ask for lines ahead.
+// Each test builds one row of points as a slice or plane through a dense
+// grid would give it and checks what the rule makes of it.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <vector>
+
+#include "kernels/row_shape.h"
+
+namespace {
+
+using qzinterp3d::Grid;
+using qzinterp3d::Method;
+using qzinterp3d::row_shape;
+using qzinterp3d::RowShape;
+using qzinterp3d::RowSpan;
+
+constexpr int64_t kColumns = 1024;
+constexpr int32_t kLanes = 16;  // a 64-byte group of float coordinates
+
+// A dense n^3 grid of samples (only its shape matters here).
+template <class Sample>
+Grid<Sample> dense_grid(int32_t n) {
+  Grid<Sample> g{};
+  g.nx = g.ny = g.nz = n;
+  g.stride1 = n;
+  g.stride2 = n * n;
+  return g;
+}
+
+template <class Sample>
+int64_t grid_bytes(int32_t n) {
+  return int64_t{n} * n * n * int64_t{sizeof(Sample)};
+}
+
+// One row of points: start + c * step for each column c.
+struct Row {
+  std::vector<float> x, y, z;
+  Row(const double start[3], const double step[3]) : x(kColumns), y(kColumns), z(kColumns) {
+    for (int64_t c = 0; c < kColumns; ++c) {
+      x[c] = static_cast<float>(start[0] + double(c) * step[0]);
+      y[c] = static_cast<float>(start[1] + double(c) * step[1]);
+      z[c] = static_cast<float>(start[2] + double(c) * step[2]);
+    }
+  }
+  RowSpan<float> span() const {
+    RowSpan<float> r{};
+    r.xq = x.data();
+    r.yq = y.data();
+    r.zq = z.data();
+    return r;
+  }
+};
+
+template <class Sample>
+RowShape shape_of(int32_t n, const double step[3]) {
+  const double start[3] = {n / 2.0 - 100 * step[0] + 0.3, n / 2.0 - 100 * step[1] + 0.3,
+                           n / 2.0 - 100 * step[2] + 0.3};
+  const Row row(start, step);
+  return row_shape(dense_grid<Sample>(n), row.span(), kColumns, kLanes);
+}
+
+TEST(RowShape, SliceAcrossPlanesNeverPrefetches) {
+  // Rows along z at a fixed x and y, half a plane a point.
+  const double step[3] = {0, 0, 0.5};
+  const RowShape s = shape_of<float>(512, step);
+  EXPECT_TRUE(s.across_planes_only);
+  EXPECT_FALSE(s.along_rows_only);
+  EXPECT_FALSE(s.scattered);
+  EXPECT_FALSE(s.windows_likely);
+  EXPECT_FALSE(s.strided);  // planes 1 MiB apart
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(s.prefetches(Method::bilinear, 8, grid_bytes<double>(512)));
+}
+
+TEST(RowShape, SliceAlongRowsIsStridedAndPrefetchesInLargeGrids) {
+  // Rows along y at a fixed x and z: grid rows 2 KiB apart.
+  const double step[3] = {0, 0.5, 0};
+  const RowShape s = shape_of<float>(512, step);
+  EXPECT_TRUE(s.along_rows_only);
+  EXPECT_FALSE(s.across_planes_only);
+  EXPECT_TRUE(s.strided);
+  EXPECT_TRUE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+  EXPECT_TRUE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(512)));
+  // Not where the grid is likely cached (64^3 float: 1 MiB).
+  EXPECT_FALSE(shape_of<float>(64, step).prefetches(Method::nearest, 4, grid_bytes<float>(64)));
+}
+
+TEST(RowShape, GentlyObliquePlaneDoesNotPrefetch) {
+  // Mostly along x, 0.076 planes a point (a plane rising about 13 degrees).
+  const double step[3] = {0.305, 0.152, 0.076};
+  const RowShape s = shape_of<float>(512, step);
+  EXPECT_FALSE(s.scattered);
+  EXPECT_FALSE(s.across_planes_only);
+  EXPECT_FALSE(s.along_rows_only);
+  EXPECT_FALSE(s.x_fast);
+  EXPECT_FALSE(s.planes_fast_for_nearest);
+  EXPECT_FALSE(s.planes_fast_for_trilinear);
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(512)));
+  // Trilinear over 8-byte samples asks in every coherent row of a large grid.
+  EXPECT_TRUE(s.prefetches(Method::bilinear, 8, grid_bytes<double>(512)));
+  EXPECT_FALSE(s.prefetches(Method::nearest, 8, grid_bytes<double>(512)));
+}
+
+TEST(RowShape, PlanesPassingFastPrefetchForTrilinearFirst) {
+  // 0.123 planes a point: above trilinear's limit, below nearest's.
+  const double moderate[3] = {0.123, 0.018, 0.123};
+  const RowShape m = shape_of<uint16_t>(256, moderate);
+  EXPECT_TRUE(m.planes_fast_for_trilinear);
+  EXPECT_FALSE(m.planes_fast_for_nearest);
+  EXPECT_TRUE(m.prefetches(Method::bilinear, 2, grid_bytes<uint16_t>(256)));
+  EXPECT_FALSE(m.prefetches(Method::nearest, 2, grid_bytes<uint16_t>(256)));
+  // 0.245 planes a point (a plane at 45 degrees through 512^3): both ask.
+  const double fast[3] = {0.245, 0.035, 0.245};
+  const RowShape f = shape_of<uint16_t>(512, fast);
+  EXPECT_TRUE(f.planes_fast_for_nearest);
+  EXPECT_TRUE(f.prefetches(Method::nearest, 2, grid_bytes<uint16_t>(512)));
+  EXPECT_TRUE(f.prefetches(Method::bilinear, 2, grid_bytes<uint16_t>(512)));
+  // Not in a grid of 16 MiB or less.
+  EXPECT_FALSE(f.prefetches(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
+}
+
+TEST(RowShape, FastAlongXPrefetches) {
+  // 1.6 samples a point along x (a deformed grid's rows through 256^3).
+  const double step[3] = {1.6, 0.01, 0.005};
+  const RowShape s = shape_of<float>(256, step);
+  EXPECT_TRUE(s.x_fast);
+  EXPECT_FALSE(s.scattered);
+  EXPECT_FALSE(s.windows_likely);
+  EXPECT_TRUE(s.prefetches(Method::nearest, 4, grid_bytes<float>(256)));
+  EXPECT_TRUE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(256)));
+}
+
+TEST(RowShape, ScatteredPointsPrefetchBeyondTheSecondLevelCache) {
+  // Five samples a point along every axis: scattered.
+  const double step[3] = {5, 5, 5};
+  const RowShape s = shape_of<float>(128, step);
+  EXPECT_TRUE(s.scattered);
+  EXPECT_TRUE(s.prefetches(Method::nearest, 4, grid_bytes<float>(128)));  // 8 MiB
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, grid_bytes<float>(64)));  // 1 MiB
+}
+
+TEST(RowShape, ThePlanesAreTheAxisOfTheLargestStride) {
+  // A grid stored with y outermost: a row along y at a fixed x and z
+  // crosses its planes.
+  Grid<float> g = dense_grid<float>(512);
+  g.stride1 = 512 * 512;
+  g.stride2 = 512;
+  const double start[3] = {100.3, 50.3, 200.3}, step[3] = {0, 0.5, 0};
+  const Row row(start, step);
+  const RowShape s = row_shape(g, row.span(), kColumns, kLanes);
+  EXPECT_TRUE(s.across_planes_only);
+  EXPECT_FALSE(s.along_rows_only);
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+}
+
+TEST(RowShape, TwoOfThreeGroupsDecide) {
+  // A gently oblique row whose first group jumps across planes: the other
+  // two groups decide.
+  const double step[3] = {0.305, 0.152, 0.076};
+  const double start[3] = {100.3, 100.3, 100.3};
+  Row row(start, step);
+  for (int l = 0; l < kLanes; ++l) row.z[static_cast<size_t>(l)] += static_cast<float>(l);
+  const RowShape s = row_shape(dense_grid<float>(512), row.span(), kColumns, kLanes);
+  EXPECT_FALSE(s.planes_fast_for_nearest);
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+  // When two of three groups jump, they decide.
+  const int64_t second = (kColumns - kLanes) / 3;
+  for (int l = 0; l < kLanes; ++l) row.z[static_cast<size_t>(second + l)] += static_cast<float>(l);
+  const RowShape t = row_shape(dense_grid<float>(512), row.span(), kColumns, kLanes);
+  EXPECT_TRUE(t.planes_fast_for_nearest);
+  EXPECT_TRUE(t.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+}
+
+TEST(RowShape, RowsShorterThanAGroupKeepTheDefaults) {
+  const double step[3] = {0, 0, 0.5};
+  const double start[3] = {10.3, 10.3, 10.3};
+  const Row row(start, step);
+  const RowShape s = row_shape(dense_grid<float>(512), row.span(), kLanes - 1, kLanes);
+  EXPECT_FALSE(s.across_planes_only);
+  EXPECT_FALSE(s.windows_likely);
+  EXPECT_FALSE(s.scattered);
+  EXPECT_FALSE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(512)));
+}
+
+}  // namespace
