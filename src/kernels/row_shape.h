@@ -62,9 +62,13 @@ inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
 //     in the caches: planes apart, they fall into few cache sets
 //     (trilinear, oblique plane at 45 degrees through 512^3: 2x faster
 //     with);
-//   - a row that stays within planes across grid rows (a slice whose rows
-//     run along y) asks, as scattered rows do: the rows after it read other
-//     planes;
+//   - a row that only crosses grid rows within a plane at a fixed x (a
+//     slice whose rows run along y) steps by one constant stride, which the
+//     hardware's stride prefetchers follow: it asks only over 8-byte
+//     samples, whose lines it leaves fastest (nearest and trilinear over
+//     2- and 4-byte samples through 256^3: 1.12-1.19x faster without,
+//     level through 512^3; float64 nearest through 256^3: 1.25x faster
+//     with);
 //   - any other row (a gently oblique plane) finds most of its lines where
 //     the rows before it left them, and asking for them only costs
 //     instructions (nearest, oblique plane through 256^3: 1.5x faster
@@ -98,7 +102,8 @@ struct RowShape {
   bool prefetches(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
     if (scattered) return grid_bytes > prefetch_scattered_above_bytes;
     if (grid_bytes <= prefetch_coherent_above_bytes || across_planes_only) return false;
-    if (along_rows_only || x_fast) return true;
+    if (along_rows_only) return sample_bytes >= 8;
+    if (x_fast) return true;
     if (method == Method::nearest) return planes_fast_for_nearest;
     return planes_fast_for_trilinear || sample_bytes >= prefetch_trilinear_sample_bytes;
   }

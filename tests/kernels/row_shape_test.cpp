@@ -36,17 +36,18 @@ int64_t grid_bytes(int32_t n) {
 }
 
 // One row of points: start + c * step for each column c.
+template <class C>
 struct Row {
-  std::vector<float> x, y, z;
+  std::vector<C> x, y, z;
   Row(const double start[3], const double step[3]) : x(kColumns), y(kColumns), z(kColumns) {
     for (int64_t c = 0; c < kColumns; ++c) {
-      x[c] = static_cast<float>(start[0] + double(c) * step[0]);
-      y[c] = static_cast<float>(start[1] + double(c) * step[1]);
-      z[c] = static_cast<float>(start[2] + double(c) * step[2]);
+      x[c] = static_cast<C>(start[0] + double(c) * step[0]);
+      y[c] = static_cast<C>(start[1] + double(c) * step[1]);
+      z[c] = static_cast<C>(start[2] + double(c) * step[2]);
     }
   }
-  RowSpan<float> span() const {
-    RowSpan<float> r{};
+  RowSpan<C> span() const {
+    RowSpan<C> r{};
     r.xq = x.data();
     r.yq = y.data();
     r.zq = z.data();
@@ -58,8 +59,10 @@ template <class Sample>
 RowShape shape_of(int32_t n, const double step[3]) {
   const double start[3] = {n / 2.0 - 100 * step[0] + 0.3, n / 2.0 - 100 * step[1] + 0.3,
                            n / 2.0 - 100 * step[2] + 0.3};
-  const Row row(start, step);
-  return row_shape(dense_grid<Sample>(n), row.span(), kColumns, kLanes);
+  const Row<qzinterp3d::CoordOf<Sample>> row(start, step);
+  // A 64-byte group of coordinates.
+  const auto lanes = static_cast<int32_t>(64 / sizeof(qzinterp3d::CoordOf<Sample>));
+  return row_shape(dense_grid<Sample>(n), row.span(), kColumns, lanes);
 }
 
 TEST(RowShape, SliceAcrossPlanesNeverPrefetches) {
@@ -76,17 +79,22 @@ TEST(RowShape, SliceAcrossPlanesNeverPrefetches) {
   EXPECT_FALSE(s.prefetches(Method::bilinear, 8, grid_bytes<double>(512)));
 }
 
-TEST(RowShape, SliceAlongRowsIsStridedAndPrefetchesInLargeGrids) {
+TEST(RowShape, SliceAlongRowsIsStridedAndPrefetchesOnlyOverEightByteSamples) {
   // Rows along y at a fixed x and z: grid rows 2 KiB apart.
   const double step[3] = {0, 0.5, 0};
   const RowShape s = shape_of<float>(512, step);
   EXPECT_TRUE(s.along_rows_only);
   EXPECT_FALSE(s.across_planes_only);
   EXPECT_TRUE(s.strided);
-  EXPECT_TRUE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
-  EXPECT_TRUE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(512)));
-  // Not where the grid is likely cached (64^3 float: 1 MiB).
-  EXPECT_FALSE(shape_of<float>(64, step).prefetches(Method::nearest, 4, grid_bytes<float>(64)));
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(s.prefetches(Method::bilinear, 2, grid_bytes<uint16_t>(512)));
+  const RowShape d = shape_of<double>(256, step);
+  EXPECT_TRUE(d.along_rows_only);
+  EXPECT_TRUE(d.prefetches(Method::nearest, 8, grid_bytes<double>(256)));
+  EXPECT_TRUE(d.prefetches(Method::bilinear, 8, grid_bytes<double>(256)));
+  // Not where the grid is likely cached (64^3 double: 2 MiB).
+  EXPECT_FALSE(shape_of<double>(64, step).prefetches(Method::nearest, 8, grid_bytes<double>(64)));
 }
 
 TEST(RowShape, GentlyObliquePlaneDoesNotPrefetch) {
@@ -151,7 +159,7 @@ TEST(RowShape, ThePlanesAreTheAxisOfTheLargestStride) {
   g.stride1 = 512 * 512;
   g.stride2 = 512;
   const double start[3] = {100.3, 50.3, 200.3}, step[3] = {0, 0.5, 0};
-  const Row row(start, step);
+  const Row<float> row(start, step);
   const RowShape s = row_shape(g, row.span(), kColumns, kLanes);
   EXPECT_TRUE(s.across_planes_only);
   EXPECT_FALSE(s.along_rows_only);
@@ -163,7 +171,7 @@ TEST(RowShape, TwoOfThreeGroupsDecide) {
   // two groups decide.
   const double step[3] = {0.305, 0.152, 0.076};
   const double start[3] = {100.3, 100.3, 100.3};
-  Row row(start, step);
+  Row<float> row(start, step);
   for (int l = 0; l < kLanes; ++l) row.z[static_cast<size_t>(l)] += static_cast<float>(l);
   const RowShape s = row_shape(dense_grid<float>(512), row.span(), kColumns, kLanes);
   EXPECT_FALSE(s.planes_fast_for_nearest);
@@ -179,7 +187,7 @@ TEST(RowShape, TwoOfThreeGroupsDecide) {
 TEST(RowShape, RowsShorterThanAGroupKeepTheDefaults) {
   const double step[3] = {0, 0, 0.5};
   const double start[3] = {10.3, 10.3, 10.3};
-  const Row row(start, step);
+  const Row<float> row(start, step);
   const RowShape s = row_shape(dense_grid<float>(512), row.span(), kLanes - 1, kLanes);
   EXPECT_FALSE(s.across_planes_only);
   EXPECT_FALSE(s.windows_likely);
