@@ -86,6 +86,7 @@ int main(int argc, char** argv) {
     if (bar != std::string::npos) { src = e.substr(0, bar); e = e.substr(bar + 1); }
     const size_t colon = e.find(':');
     if (colon != std::string::npos) { kern = e.substr(colon + 1); e = e.substr(0, colon); }
+    exps[k] = exps[k].substr(bar == std::string::npos ? 0 : bar + 1);  // the label[:set] shown
     // A copy of its own, so that the loader keeps its statics apart.
     const std::string copy = dir + "/lib_" + std::to_string(k) + ".so";
     const std::string cmd = "cp '" + src + "' '" + copy + "'";
