@@ -33,6 +33,7 @@
 #include <thread>
 #include <vector>
 
+#include "dense_buffer.h"
 #include "loads_bound.h"
 #include "qzinterp3d_halide.h"
 #include "stream_bound.h"
@@ -69,33 +70,6 @@ int pool_threads() {
   const unsigned n = std::thread::hardware_concurrency();
   return n > 0 ? static_cast<int>(n) : 1;
 }
-
-template <class T>
-halide_type_t type_of() {
-  if constexpr (std::is_same_v<T, float>) return {halide_type_float, 32, 1};
-  if constexpr (std::is_same_v<T, double>) return {halide_type_float, 64, 1};
-  constexpr auto bits = static_cast<uint8_t>(8 * sizeof(T));
-  if constexpr (std::is_signed_v<T>) return {halide_type_int, bits, 1};
-  return {halide_type_uint, bits, 1};
-}
-
-// A dense buffer descriptor over caller-owned memory.
-struct Buffer {
-  halide_dimension_t dim[3];
-  halide_buffer_t buf;
-  template <class T>
-  Buffer(T* host, int dims, const int* extents) : dim{}, buf{} {
-    int stride = 1;
-    for (int d = 0; d < dims; ++d) {
-      dim[d] = {0, extents[d], stride, 0};
-      stride *= extents[d];
-    }
-    buf.host = reinterpret_cast<uint8_t*>(host);
-    buf.type = type_of<T>();
-    buf.dimensions = dims;
-    buf.dim = dim;
-  }
-};
 
 // One volume and one set of coordinates are kept at a time; benchmarks are
 // registered so that consecutive ones share them (volume size and sample
