@@ -120,7 +120,6 @@ inline bool bounds_exact(const Grid<Sample>& g) {
 // placing a window (an offset minus at most half a vector) cannot wrap.
 inline constexpr int32_t window_margin = 64;
 
-
 // Windows compare offsets with window starts as unsigned differences, which
 // needs every two offsets of the grid to lie within 2^31 of each other, and
 // need a span of at least one window. When both hold, fills in where
@@ -847,7 +846,6 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
       strided = shape.strided;
       const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
       plan.prefetch = shape.prefetches(M, int64_t{sizeof(Sample)}, grid_bytes);
-
     }
     switch (fetch) {
       case Fetch::per_lane:

@@ -78,11 +78,14 @@ inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
 // pass faster. Trilinear over 8-byte samples reads four 16-byte pairs a
 // point and leaves its lines twice as fast as over 4-byte ones: it asks in
 // every such row (float64, oblique plane through 512^3: 1.25x faster with).
-inline constexpr int64_t prefetch_trilinear_sample_bytes = 8;
+inline constexpr int64_t prefetch_wide_sample_bytes = 8;
 inline constexpr double prefetch_planes_per_point_nearest = 0.15;
 inline constexpr double prefetch_planes_per_point_trilinear = 0.1;
 inline constexpr double prefetch_x_samples_per_point = 1;
-// A coordinate that moves less than this over a group counts as fixed.
+// A coordinate that moves less than this over a group counts as fixed for
+// the prefetch rule. Stricter than the strided test's half a sample: a
+// steep plane through 256^3 moves under half a sample along x and y per
+// group, and it needs its prefetches.
 inline constexpr double fixed_within_group = 1.0 / 16;
 
 struct RowShape {
@@ -102,10 +105,10 @@ struct RowShape {
   bool prefetches(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
     if (scattered) return grid_bytes > prefetch_scattered_above_bytes;
     if (grid_bytes <= prefetch_coherent_above_bytes || across_planes_only) return false;
-    if (along_rows_only) return sample_bytes >= 8;
+    if (along_rows_only) return sample_bytes >= prefetch_wide_sample_bytes;
     if (x_fast) return true;
     if (method == Method::nearest) return planes_fast_for_nearest;
-    return planes_fast_for_trilinear || sample_bytes >= prefetch_trilinear_sample_bytes;
+    return planes_fast_for_trilinear || sample_bytes >= prefetch_wide_sample_bytes;
   }
 };
 
