@@ -840,12 +840,13 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
     bool strided = false;
     if (offsets_fit_in_32_bits(g, plan)) {
       const RowShape shape = row_shape(g, r, full_columns, Wide::lanes);
-      fetch = HasWindowLoads<Wide> && shape.windows_likely && windows_fit(plan, Wide::lanes)
+      const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
+      plan.prefetch = shape.prefetches(M, int64_t{sizeof(Sample)}, grid_bytes);
+      fetch = HasWindowLoads<Wide> && shape.window_reads(M, plan.prefetch) &&
+                      windows_fit(plan, Wide::lanes)
                   ? Fetch::windows
                   : Fetch::gathers;
       strided = shape.strided;
-      const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
-      plan.prefetch = shape.prefetches(M, int64_t{sizeof(Sample)}, grid_bytes);
     }
     switch (fetch) {
       case Fetch::per_lane:

@@ -132,6 +132,39 @@ TEST(RowShape, PlanesPassingFastPrefetchForTrilinearFirst) {
   EXPECT_FALSE(f.prefetches(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
 }
 
+TEST(RowShape, NearestOverEightByteSamplesAsksAtTheTrilinearLimitAndIsGathered) {
+  // 0.123 planes a point (a plane at 45 degrees through 256^3): eight
+  // float64 lanes cross grid rows about once a group, where windows would
+  // serve most groups.
+  const double moderate[3] = {0.123, 0.018, 0.123};
+  const RowShape s = shape_of<double>(256, moderate);
+  EXPECT_TRUE(s.windows_likely);
+  EXPECT_TRUE(s.planes_fast_for_trilinear);
+  EXPECT_FALSE(s.planes_fast_for_nearest);
+  const int64_t bytes = grid_bytes<double>(256);
+  EXPECT_TRUE(s.prefetches(Method::nearest, 8, bytes));
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, bytes));
+  EXPECT_FALSE(s.prefetches(Method::nearest, 8, qzinterp3d::prefetch_coherent_above_bytes));
+  // A nearest row that asks for lines ahead is gathered; one that does not,
+  // and every trilinear row, keeps its windows.
+  EXPECT_FALSE(s.window_reads(Method::nearest, true));
+  EXPECT_TRUE(s.window_reads(Method::nearest, false));
+  EXPECT_TRUE(s.window_reads(Method::bilinear, true));
+  // Below trilinear's limit (a gently oblique plane), nearest over 8-byte
+  // samples does not ask, and reads through windows where they fit.
+  const double gentle[3] = {0.17, 0.02, 0.039};
+  const RowShape g = shape_of<double>(256, gentle);
+  EXPECT_TRUE(g.windows_likely);
+  EXPECT_FALSE(g.planes_fast_for_trilinear);
+  EXPECT_FALSE(g.prefetches(Method::nearest, 8, bytes));
+  EXPECT_TRUE(g.window_reads(Method::nearest, g.prefetches(Method::nearest, 8, bytes)));
+  // A row without windows stays without them.
+  RowShape none = s;
+  none.windows_likely = false;
+  EXPECT_FALSE(none.window_reads(Method::nearest, false));
+  EXPECT_FALSE(none.window_reads(Method::bilinear, false));
+}
+
 TEST(RowShape, FastAlongXPrefetches) {
   // 1.6 samples a point along x (a deformed grid's rows through 256^3).
   const double step[3] = {1.6, 0.01, 0.005};
