@@ -11,6 +11,7 @@
 //         loads/<method>_<type>/<workload>/n:<n>/threads:<t>
 //         stream/<coordinate type>/points:<count>/threads:<t>
 //         pool/tasks:<rows>/steps:<s>/threads:<t> (the pool alone; items: tasks)
+//         host/line_round_trip (two threads hand one cache line back and forth)
 // Without --benchmark_filter a quick subset runs (kQuickFilter below);
 // --benchmark_filter=all runs the whole matrix, any other regex a part of it.
 //
@@ -25,6 +26,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -47,7 +49,8 @@ constexpr const char* kQuickFilter =
     "|^interp3_bilinear_uint8/oblique/n:256/"
     "|^(plain_(sse41|avx512)_|loads/)bilinear_uint8/oblique/n:256/"
     "|^stream/float32/"
-    "|^pool/";
+    "|^pool/"
+    "|^host/";
 
 using Entry = int (*)(halide_buffer_t*, halide_buffer_t*, halide_buffer_t*, halide_buffer_t*,
                       double, halide_buffer_t*);
@@ -192,6 +195,32 @@ void bm_busy_tasks(benchmark::State& state, int threads, int steps) {
   state.SetBytesProcessed(0);
 }
 
+// Two threads of this process hand one cache line to each other and back;
+// items are round trips. What a pool's hand-over of a task costs at least
+// when its threads run on cores that share no cache, and so how short a row
+// task can be and still gain from a second thread.
+void bm_line_round_trip(benchmark::State& state) {
+  constexpr int64_t kTrips = 200000;
+  alignas(64) std::atomic<int64_t> turn{0};
+  for (auto _ : state) {
+    turn.store(0);
+    std::thread other([&] {
+      for (int64_t i = 0; i < kTrips; ++i) {
+        while (turn.load(std::memory_order_acquire) != 2 * i + 1) {
+        }
+        turn.store(2 * i + 2, std::memory_order_release);
+      }
+    });
+    for (int64_t i = 0; i < kTrips; ++i) {
+      while (turn.load(std::memory_order_acquire) != 2 * i) {
+      }
+      turn.store(2 * i + 1, std::memory_order_release);
+    }
+    other.join();
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kTrips);
+}
+
 struct TypeEntry {
   const char* name;
   Entry nearest;
@@ -257,13 +286,20 @@ void register_all(int t) {
       ->UseRealTime()
       ->Unit(benchmark::kMillisecond);
   // 0 steps: dispatch alone; 250 and 500 last about as long here as a row of
-  // the fastest nearest and trilinear calls (0.3 and 0.7 us).
-  for (int steps : {0, 250, 500}) {
+  // the fastest nearest and trilinear calls (0.3 and 0.7 us); the others
+  // span the rest of the rows' lengths, so that bench/scaling.py can set each
+  // row's two-thread speed-up beside the pool's at the same task length.
+  for (int steps : {0, 125, 250, 500, 1000, 2000, 4000}) {
     const std::string name =
         "pool/tasks:" + std::to_string(kRows) + "/steps:" + std::to_string(steps) + threads;
     benchmark::RegisterBenchmark(name.c_str(), bm_busy_tasks, t, steps)
         ->UseRealTime()
         ->Unit(benchmark::kMicrosecond);
+  }
+  if (std::thread::hardware_concurrency() >= 2) {
+    benchmark::RegisterBenchmark("host/line_round_trip", bm_line_round_trip)
+        ->UseRealTime()
+        ->Unit(benchmark::kMillisecond);
   }
   const std::vector<std::string> targets = plain_targets();
   for (int n : sizes) {
