@@ -80,10 +80,11 @@ concept ChecksStraddledPairs = requires(typename Ops::Index i) {
 };
 
 // Ops of a set with hardware gathers that name the operations to read
-// strided rows with (StridedRows: scalar loads, narrower vectors).
+// rows with scalar loads instead (ScalarLoadRows: narrower vectors), for the
+// rows RowShape::scalar_loads picks.
 template <class Ops>
-concept HasStridedRowOps = requires {
-  typename Ops::StridedRows;
+concept HasScalarLoadRowOps = requires {
+  typename Ops::ScalarLoadRows;
 };
 
 // What a row kernel works out once per row.
@@ -837,7 +838,7 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
   plan.bounds_exact = bounds_exact(g);
   if constexpr (HasOffsetVectors<Wide>) {
     Fetch fetch = Fetch::per_lane;
-    bool strided = false;
+    bool scalar_loads = false;
     if (offsets_fit_in_32_bits(g, plan)) {
       const RowShape shape = row_shape(g, r, full_columns, Wide::lanes);
       const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
@@ -846,16 +847,16 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
                       windows_fit(plan, Wide::lanes)
                   ? Fetch::windows
                   : Fetch::gathers;
-      strided = shape.strided;
+      scalar_loads = shape.scalar_loads(M, int64_t{sizeof(Sample)}, grid_bytes);
     }
     switch (fetch) {
       case Fetch::per_lane:
         c = wide_full_groups<Wide, M, Sample, Fetch::per_lane>(g, plan, r, c, full_columns);
         break;
       case Fetch::gathers:
-        if constexpr (HasStridedRowOps<Wide>) {
-          if (strided) {
-            c = wide_full_groups<typename Wide::StridedRows, M, Sample, Fetch::gathers>(
+        if constexpr (HasScalarLoadRowOps<Wide>) {
+          if (scalar_loads) {
+            c = wide_full_groups<typename Wide::ScalarLoadRows, M, Sample, Fetch::gathers>(
                 g, plan, r, c, full_columns);
             break;
           }

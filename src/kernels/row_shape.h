@@ -1,6 +1,7 @@
 // How a row's points move, and what the row kernel makes of it: whether its
-// groups are read through windows or gathered, whether it is read as a
-// strided row, and whether gathered groups ask for the grid lines ahead.
+// groups are read through windows or gathered, whether gathered groups use
+// scalar loads instead of hardware gathers, and whether they ask for the
+// grid lines ahead.
 // None of it changes a value: only the way the same samples are read.
 // Plain C++, included before any target region, so every kernel set shares
 // one compiled copy and the tests can check the rule directly.
@@ -39,7 +40,7 @@ inline constexpr double scattered_samples_per_point = 4;
 // bytes from the next (an axis-aligned slice whose rows run along y), is
 // strided: the lines a hardware gather touches then escape the stride
 // prefetchers that follow scalar loads, and a set with gathers reads such
-// rows through its StridedRows operations (uint8 trilinear through the
+// rows through its ScalarLoadRows operations (uint8 trilinear through the
 // centre of 512^3, Zen 5: about 2x).
 inline constexpr int64_t strided_row_step_bytes = 4096;
 
@@ -94,6 +95,18 @@ inline constexpr double prefetch_x_samples_per_point = 1;
 // group, and it needs its prefetches.
 inline constexpr double fixed_within_group = 1.0 / 16;
 
+// A nearest row over 4-byte samples in a grid beyond the caches that passes
+// planes at trilinear's limit or more but below nearest's asks for no lines
+// ahead, and misses the caches often: there scalar loads keep more misses in
+// flight than hardware gathers, whose speed on such rows also swung by up to
+// 3x from one process to the next (float32 nearest, plane at 45 degrees
+// through 256^3, in a numpy process: 243-280 M points/s gathered, 550-638
+// with scalar loads, the plain schedule's scalar loads 545-653). Faster
+// planes ask for lines ahead and gather better; slower ones find their
+// lines in the caches. Over 8-byte samples such a row asks for lines ahead
+// instead, and narrower samples read as words gathered better.
+inline constexpr int64_t scalar_load_sample_bytes = 4;
+
 struct RowShape {
   bool windows_likely = false;
   bool scattered = false;
@@ -118,6 +131,17 @@ struct RowShape {
       return planes_fast_for_nearest || (wide_samples && planes_fast_for_trilinear);
     }
     return planes_fast_for_trilinear || wide_samples;
+  }
+
+  // Whether gathered groups read through scalar loads (a set's
+  // ScalarLoadRows) instead of hardware gathers: strided rows, and the nearest
+  // rows described at scalar_load_sample_bytes.
+  bool scalar_loads(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
+    if (strided) return true;
+    return method == Method::nearest && sample_bytes == scalar_load_sample_bytes &&
+           !scattered && !across_planes_only && !along_rows_only && !x_fast &&
+           grid_bytes > prefetch_coherent_above_bytes && planes_fast_for_trilinear &&
+           !planes_fast_for_nearest;
   }
 
   // Whether a row whose offsets allow windows reads through them: where its

@@ -165,6 +165,49 @@ TEST(RowShape, NearestOverEightByteSamplesAsksAtTheTrilinearLimitAndIsGathered) 
   EXPECT_FALSE(none.window_reads(Method::bilinear, false));
 }
 
+TEST(RowShape, NearestOverFourByteSamplesBetweenTheLimitsUsesScalarLoads) {
+  // 0.123 planes a point (a plane at 45 degrees through 256^3): at or above
+  // trilinear's limit, below nearest's.
+  const double moderate[3] = {0.123, 0.018, 0.123};
+  const RowShape s = shape_of<float>(256, moderate);
+  const int64_t bytes = grid_bytes<float>(256);
+  EXPECT_FALSE(s.strided);
+  EXPECT_FALSE(s.prefetches(Method::nearest, 4, bytes));
+  EXPECT_TRUE(s.scalar_loads(Method::nearest, 4, bytes));
+  // Not for trilinear, other sample sizes, or a grid the caches hold.
+  EXPECT_FALSE(s.scalar_loads(Method::bilinear, 4, bytes));
+  EXPECT_FALSE(s.scalar_loads(Method::nearest, 2, bytes));
+  EXPECT_FALSE(s.scalar_loads(Method::nearest, 8, bytes));
+  EXPECT_FALSE(s.scalar_loads(Method::nearest, 4, qzinterp3d::prefetch_coherent_above_bytes));
+  // Planes passing at nearest's limit or more: gathered, asking ahead.
+  const double fast[3] = {0.245, 0.035, 0.245};
+  const RowShape f = shape_of<float>(512, fast);
+  EXPECT_TRUE(f.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(f.scalar_loads(Method::nearest, 4, grid_bytes<float>(512)));
+  // Planes passing below trilinear's limit (a gently oblique plane): gathered.
+  const double gentle[3] = {0.305, 0.152, 0.076};
+  EXPECT_FALSE(shape_of<float>(512, gentle).scalar_loads(Method::nearest, 4, grid_bytes<float>(512)));
+  // Rows that only cross planes at a fixed x and y, or move fast along x,
+  // keep their gathers whatever the planes.
+  const double across[3] = {0.0, 0.0, 0.125};
+  const RowShape a = shape_of<float>(256, across);
+  EXPECT_TRUE(a.across_planes_only);
+  EXPECT_FALSE(a.scalar_loads(Method::nearest, 4, bytes));
+  const double deformed[3] = {1.2, 0.02, 0.12};
+  const RowShape d = shape_of<float>(256, deformed);
+  EXPECT_TRUE(d.x_fast);
+  EXPECT_FALSE(d.scalar_loads(Method::nearest, 4, bytes));
+}
+
+TEST(RowShape, StridedRowsUseScalarLoadsForEitherMethod) {
+  // Along y at a fixed x, a grid row a point (1 KiB apart over float).
+  const double along_y[3] = {0.0, 1.0, 0.0};
+  const RowShape s = shape_of<float>(256, along_y);
+  ASSERT_TRUE(s.strided);
+  EXPECT_TRUE(s.scalar_loads(Method::nearest, 4, grid_bytes<float>(256)));
+  EXPECT_TRUE(s.scalar_loads(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
+}
+
 TEST(RowShape, FastAlongXPrefetches) {
   // 1.6 samples a point along x (a deformed grid's rows through 256^3).
   const double step[3] = {1.6, 0.01, 0.005};

@@ -19,7 +19,7 @@ struct Ops512;
 template <>
 struct Ops512<float> {
   using Coord = float;
-  using StridedRows = Ops256<float>;
+  using ScalarLoadRows = Ops256<float>;
   static constexpr int lanes = 16;
   static constexpr int vector_registers = 32;
   using V = __m512;
@@ -276,7 +276,7 @@ struct Ops512<float> {
 template <>
 struct Ops512<double> {
   using Coord = double;
-  using StridedRows = Ops256<double>;
+  using ScalarLoadRows = Ops256<double>;
   static constexpr int lanes = 8;
   static constexpr int vector_registers = 32;
   using V = __m512d;
