@@ -64,8 +64,8 @@ def main():
     print("| case | " + " | ".join(f"{n} flushed" for n in names) + " | " +
           " | ".join(f"{n} warm" for n in names) + " |")
     print("|---|" + "--:|" * (2 * len(names)))
-    for spec in args.cases:
-        workload, n, type_name, method = spec.split(":")
+    for case_text in args.cases:
+        workload, n, type_name, method = case_text.split(":")
         n = int(n)
         ct = compare.TYPES[type_name][1]
         V = compare.make_volume(type_name, n)

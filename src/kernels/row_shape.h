@@ -137,13 +137,13 @@ struct RowShape {
 
   // Whether gathered groups read through scalar loads (a set's
   // ScalarLoadRows) instead of hardware gathers: strided rows, and the nearest
-  // rows described at scalar_load_sample_bytes.
+  // rows described at scalar_load_sample_bytes, those where trilinear would
+  // ask for lines ahead and nearest does not.
   bool scalar_loads(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
     if (strided) return true;
     return method == Method::nearest && sample_bytes == scalar_load_sample_bytes &&
-           !scattered && !across_planes_only && !along_rows_only && !x_fast &&
-           grid_bytes > prefetch_coherent_above_bytes && planes_fast_for_trilinear &&
-           !planes_fast_for_nearest;
+           prefetches(Method::bilinear, sample_bytes, grid_bytes) &&
+           !prefetches(Method::nearest, sample_bytes, grid_bytes);
   }
 
   // Whether a row whose offsets allow windows reads through them: where its

@@ -197,6 +197,11 @@ TEST(RowShape, NearestOverFourByteSamplesBetweenTheLimitsUsesScalarLoads) {
   const RowShape d = shape_of<float>(256, deformed);
   EXPECT_TRUE(d.x_fast);
   EXPECT_FALSE(d.scalar_loads(Method::nearest, 4, bytes));
+  // Scattered points ask for lines ahead and stay gathered.
+  const double scattered[3] = {37.3, 23.1, 11.7};
+  const RowShape r = shape_of<float>(256, scattered);
+  EXPECT_TRUE(r.scattered);
+  EXPECT_FALSE(r.scalar_loads(Method::nearest, 4, bytes));
 }
 
 TEST(RowShape, StridedRowsUseScalarLoadsForEitherMethod) {
