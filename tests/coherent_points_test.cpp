@@ -514,6 +514,25 @@ TYPED_TEST(CoherentPoints, ScatteredPointsInAGridBeyondTheCaches) {
   });
 }
 
+// Planes at about 45 degrees through a grid of more than 8 MiB, crossing
+// about 0.12 planes a point: nearest rows of such planes read with scalar
+// loads on sets with hardware gathers (narrow samples one by one, not as
+// the words that hold them), other variants as before. The last row runs
+// out of the grid past its middle. The values must not change.
+TYPED_TEST(CoherentPoints, PlanesAtFortyFiveDegreesInAGridBeyondTheCaches) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  std::mt19937_64 rng(80);
+  const int32_t nz = static_cast<int32_t>((int64_t{10} << 20) / sizeof(S) / (128 * 128)) + 140;
+  const Layout l = padded(128, 128, nz);
+  GuardedScene<M, S> g(l, 512, 4);
+  fill_random(g.grid, rng);
+  const double o = 1.0 / 128;
+  std::vector<Ramp> rows = ramp_rows({{3.25, 2 + o, 3 + o}, {0.123, 0.018, 0.123}}, {0, 1, 0}, 3);
+  rows.push_back({{70.5, 40 + o, 5 + o}, {0.123, 0.018, 0.123}});  // leaves at x = 128
+  set_rows(g.scene, rows);
+  for_each_kernel_set([&] { expect_model(g.scene, -1.5, describe(l)); });
+}
+
 // Windows read only inside the span from the grid's lowest to its highest
 // sample: a span shorter than a window is gathered, one just long enough is
 // served (with a window at its first sample), and trilinear rows whose

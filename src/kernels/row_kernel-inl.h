@@ -80,11 +80,22 @@ concept ChecksStraddledPairs = requires(typename Ops::Index i) {
 };
 
 // Ops of a set with hardware gathers that name the operations to read
-// rows with scalar loads instead (ScalarLoadRows: narrower vectors), for the
-// rows RowShape::scalar_loads picks.
+// rows with scalar loads instead, for the rows RowShape::scalar_loads picks:
+// ScalarLoadRows (narrower vectors), and optionally ScalarLoadNarrowSingles
+// for nearest rows over 8- and 16-bit samples.
 template <class Ops>
 concept HasScalarLoadRowOps = requires {
   typename Ops::ScalarLoadRows;
+};
+
+template <class Ops, Method M, class Sample>
+struct ScalarLoadOps {
+  using type = typename Ops::ScalarLoadRows;
+};
+template <class Ops, class Sample>
+requires(sizeof(Sample) < 4) && requires { typename Ops::ScalarLoadNarrowSingles; }
+struct ScalarLoadOps<Ops, Method::nearest, Sample> {
+  using type = typename Ops::ScalarLoadNarrowSingles;
 };
 
 // What a row kernel works out once per row.
@@ -856,8 +867,8 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
       case Fetch::gathers:
         if constexpr (HasScalarLoadRowOps<Wide>) {
           if (scalar_loads) {
-            c = wide_full_groups<typename Wide::ScalarLoadRows, M, Sample, Fetch::gathers>(
-                g, plan, r, c, full_columns);
+            c = wide_full_groups<typename ScalarLoadOps<Wide, M, Sample>::type, M, Sample,
+                                 Fetch::gathers>(g, plan, r, c, full_columns);
             break;
           }
         }

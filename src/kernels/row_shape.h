@@ -95,19 +95,22 @@ inline constexpr double prefetch_x_samples_per_point = 1;
 // group, and it needs its prefetches.
 inline constexpr double fixed_within_group = 1.0 / 16;
 
-// A nearest row over 4-byte samples in a grid beyond the caches that passes
-// planes at trilinear's limit or more but below nearest's asks for no lines
-// ahead, and misses the caches often: there scalar loads keep more misses in
-// flight than hardware gathers, whose speed on such rows also swung by up to
-// 3x from one process to the next (float32 nearest, plane at 45 degrees
-// through 256^3, in a numpy process: 243-280 M points/s gathered, 550-638
-// with scalar loads, the plain schedule's scalar loads 545-653). Faster
-// planes ask for lines ahead and gather better; slower ones find their
-// lines in the caches. Over 8-byte samples such a row asks for lines ahead
-// instead. Over narrower samples these loads (eight lanes) stayed as far
-// behind the plain schedule as the gathered words (uint16: 322-441 against
-// 633-764), so those rows keep their gathers.
-inline constexpr int64_t scalar_load_sample_bytes = 4;
+// A nearest row over samples of up to 4 bytes in a grid above 8 MiB that
+// passes planes at trilinear's limit or more but below nearest's, with none
+// of the other coherent shapes, asks for no lines ahead and misses the caches
+// often: there scalar loads keep more misses in flight than hardware
+// gathers, whose speed on such rows also swung by up to 3x from one process
+// to the next (float32 nearest, plane at 45 degrees through 256^3, in a
+// numpy process: 243-280 M points/s gathered, 550-638 with scalar loads,
+// the plain schedule's scalar loads 545-653). Faster planes ask for lines
+// ahead and gather better; slower ones find their lines in the caches. Over
+// 8-byte samples such a row asks for lines ahead instead. Over 8- and
+// 16-bit samples the loads must be as wide as the gathers: eight lanes
+// stayed behind the gathered words (uint8, plane at 45 degrees through
+// 256^3: 0.67-0.76 of them), sixteen lanes ran 1.2-1.7x ahead. The limit
+// is below the 16 MiB of the prefetch rule so that it takes in 256^3
+// volumes of 8-bit samples.
+inline constexpr int64_t scalar_load_above_bytes = int64_t{8} << 20;
 
 struct RowShape {
   bool windows_likely = false;
@@ -136,14 +139,15 @@ struct RowShape {
   }
 
   // Whether gathered groups read through scalar loads (a set's
-  // ScalarLoadRows) instead of hardware gathers: strided rows, and the nearest
-  // rows described at scalar_load_sample_bytes, those where trilinear would
-  // ask for lines ahead and nearest does not.
+  // ScalarLoadRows, or ScalarLoadNarrowSingles) instead of hardware gathers:
+  // strided rows, and the nearest rows described at
+  // scalar_load_above_bytes.
   bool scalar_loads(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
     if (strided) return true;
-    return method == Method::nearest && sample_bytes == scalar_load_sample_bytes &&
-           prefetches(Method::bilinear, sample_bytes, grid_bytes) &&
-           !prefetches(Method::nearest, sample_bytes, grid_bytes);
+    const bool another_shape = scattered || across_planes_only || along_rows_only || x_fast;
+    return method == Method::nearest && sample_bytes < prefetch_wide_sample_bytes &&
+           grid_bytes > scalar_load_above_bytes && !another_shape && planes_fast_for_trilinear &&
+           !planes_fast_for_nearest;
   }
 
   // Whether a row whose offsets allow windows reads through them: where its

@@ -165,7 +165,7 @@ TEST(RowShape, NearestOverEightByteSamplesAsksAtTheTrilinearLimitAndIsGathered) 
   EXPECT_FALSE(none.window_reads(Method::bilinear, false));
 }
 
-TEST(RowShape, NearestOverFourByteSamplesBetweenTheLimitsUsesScalarLoads) {
+TEST(RowShape, NearestOverSamplesUpToFourBytesBetweenTheLimitsUsesScalarLoads) {
   // 0.123 planes a point (a plane at 45 degrees through 256^3): at or above
   // trilinear's limit, below nearest's.
   const double moderate[3] = {0.123, 0.018, 0.123};
@@ -174,34 +174,45 @@ TEST(RowShape, NearestOverFourByteSamplesBetweenTheLimitsUsesScalarLoads) {
   EXPECT_FALSE(s.strided);
   EXPECT_FALSE(s.prefetches(Method::nearest, 4, bytes));
   EXPECT_TRUE(s.scalar_loads(Method::nearest, 4, bytes));
-  // Not for trilinear, other sample sizes, or a grid the caches hold.
+  EXPECT_TRUE(s.scalar_loads(Method::nearest, 2, grid_bytes<uint16_t>(256)));
+  // 256^3 8-bit samples (16 MiB), below the prefetch rule's limit.
+  EXPECT_FALSE(s.prefetches(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
+  EXPECT_TRUE(s.scalar_loads(Method::nearest, 1, grid_bytes<uint8_t>(256)));
+  // Not for trilinear, 8-byte samples, or a grid of 8 MiB or less.
   EXPECT_FALSE(s.scalar_loads(Method::bilinear, 4, bytes));
-  EXPECT_FALSE(s.scalar_loads(Method::nearest, 2, bytes));
+  EXPECT_FALSE(s.scalar_loads(Method::bilinear, 1, bytes));
   EXPECT_FALSE(s.scalar_loads(Method::nearest, 8, bytes));
-  EXPECT_FALSE(s.scalar_loads(Method::nearest, 4, qzinterp3d::prefetch_coherent_above_bytes));
+  EXPECT_FALSE(s.scalar_loads(Method::nearest, 4, qzinterp3d::scalar_load_above_bytes));
+  EXPECT_FALSE(s.scalar_loads(Method::nearest, 1, qzinterp3d::scalar_load_above_bytes));
+  EXPECT_TRUE(s.scalar_loads(Method::nearest, 1, qzinterp3d::scalar_load_above_bytes + 1));
   // Planes passing at nearest's limit or more: gathered, asking ahead.
   const double fast[3] = {0.245, 0.035, 0.245};
   const RowShape f = shape_of<float>(512, fast);
   EXPECT_TRUE(f.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
   EXPECT_FALSE(f.scalar_loads(Method::nearest, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(f.scalar_loads(Method::nearest, 1, grid_bytes<uint8_t>(512)));
   // Planes passing below trilinear's limit (a gently oblique plane): gathered.
   const double gentle[3] = {0.305, 0.152, 0.076};
-  EXPECT_FALSE(shape_of<float>(512, gentle).scalar_loads(Method::nearest, 4, grid_bytes<float>(512)));
+  EXPECT_FALSE(
+      shape_of<float>(512, gentle).scalar_loads(Method::nearest, 4, grid_bytes<float>(512)));
   // Rows that only cross planes at a fixed x and y, or move fast along x,
   // keep their gathers whatever the planes.
   const double across[3] = {0.0, 0.0, 0.125};
   const RowShape a = shape_of<float>(256, across);
   EXPECT_TRUE(a.across_planes_only);
   EXPECT_FALSE(a.scalar_loads(Method::nearest, 4, bytes));
+  EXPECT_FALSE(a.scalar_loads(Method::nearest, 1, bytes));
   const double deformed[3] = {1.2, 0.02, 0.12};
   const RowShape d = shape_of<float>(256, deformed);
   EXPECT_TRUE(d.x_fast);
   EXPECT_FALSE(d.scalar_loads(Method::nearest, 4, bytes));
+  EXPECT_FALSE(d.scalar_loads(Method::nearest, 1, bytes));
   // Scattered points ask for lines ahead and stay gathered.
   const double scattered[3] = {37.3, 23.1, 11.7};
   const RowShape r = shape_of<float>(256, scattered);
   EXPECT_TRUE(r.scattered);
   EXPECT_FALSE(r.scalar_loads(Method::nearest, 4, bytes));
+  EXPECT_FALSE(r.scalar_loads(Method::nearest, 1, bytes));
 }
 
 TEST(RowShape, StridedRowsUseScalarLoadsForEitherMethod) {

@@ -15,11 +15,17 @@ inline constexpr int rounding_of = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
 
 template <class C>
 struct Ops512;
+template <class C>
+struct Ops512SampleLoads;
 
 template <>
 struct Ops512<float> {
   using Coord = float;
+  // Rows read with scalar loads (RowShape::scalar_loads): through the 32-byte
+  // operations, except nearest over 8- and 16-bit samples, which loads one
+  // sample a lane at full width.
   using ScalarLoadRows = Ops256<float>;
+  using ScalarLoadNarrowSingles = Ops512SampleLoads<float>;
   static constexpr int lanes = 16;
   static constexpr int vector_registers = 32;
   using V = __m512;
@@ -276,7 +282,11 @@ struct Ops512<float> {
 template <>
 struct Ops512<double> {
   using Coord = double;
+  // Rows read with scalar loads (RowShape::scalar_loads): through the 32-byte
+  // operations, except nearest over 8- and 16-bit samples, which loads one
+  // sample a lane at full width.
   using ScalarLoadRows = Ops256<double>;
+  using ScalarLoadNarrowSingles = Ops512SampleLoads<double>;
   static constexpr int lanes = 8;
   static constexpr int vector_registers = 32;
   using V = __m512d;
@@ -454,6 +464,19 @@ struct Ops512Loads : Ops512<C> {
       }
     }
   }
+};
+
+// Scalar loads for every sample type: 8- and 16-bit samples too are read one
+// by one rather than as the words that hold them, for the nearest rows whose
+// hardware gathers lose to scalar loads (RowShape::scalar_loads). Sixteen
+// lanes, not the eight of the 32-byte operations: over narrow samples those
+// stayed behind the gathered words.
+template <class C>
+struct Ops512SampleLoads : Ops512Loads<C> {
+  using typename Ops512Loads<C>::Index;
+  using typename Ops512Loads<C>::V;
+  template <class Sample>
+  static V gather_narrow_singles(const Sample* b, Index offsets, Index x, int32_t nx) = delete;
 };
 
 }  // namespace QZ_TARGET_NS
