@@ -47,9 +47,12 @@ inline constexpr int64_t strided_row_step_bytes = 4096;
 // Gathered groups ask for the grid lines of groups further on only where
 // the grid spans more than these many bytes: a core's second-level cache
 // for scattered points, more for coherent ones, whose lines the caches and
-// the hardware's prefetchers mostly hold already.
+// the hardware's prefetchers mostly hold already. 256^3 8-bit samples
+// (16 MiB) are above the coherent limit: their steep planes and deformed
+// grids ran 1.2-1.7x faster asking (nearest and trilinear), as did
+// deformed grids through 192^3 16-bit samples.
 inline constexpr int64_t prefetch_scattered_above_bytes = int64_t{1} << 20;
-inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
+inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{8} << 20;
 
 // Whether a coherent gathered row in such a grid asks for lines ahead
 // depends on how fast it leaves the lines it has read:
@@ -66,10 +69,11 @@ inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
 //   - a row that only crosses grid rows within a plane at a fixed x (a
 //     slice whose rows run along y) steps by one constant stride, which the
 //     hardware's stride prefetchers follow: it asks only over 8-byte
-//     samples, whose lines it leaves fastest (nearest and trilinear over
-//     2- and 4-byte samples through 256^3: 1.12-1.19x faster without,
-//     level through 512^3; float64 nearest through 256^3: 1.25x faster
-//     with);
+//     samples, whose lines it leaves fastest, in grids above 16 MiB
+//     (nearest and trilinear over 2- and 4-byte samples through 256^3:
+//     1.12-1.19x faster without, level through 512^3; float64 nearest
+//     through 256^3: 1.25x faster with, through 112^3 and 128^3: 1.2x
+//     faster without);
 //   - any other row (a gently oblique plane) finds most of its lines where
 //     the rows before it left them, and asking for them only costs
 //     instructions (nearest, oblique plane through 256^3: 1.5x faster
@@ -86,6 +90,7 @@ inline constexpr int64_t prefetch_coherent_above_bytes = int64_t{16} << 20;
 // Windows ask for no lines ahead, so a nearest row that should is gathered
 // instead (window_reads).
 inline constexpr int64_t prefetch_wide_sample_bytes = 8;
+inline constexpr int64_t prefetch_along_rows_above_bytes = int64_t{16} << 20;
 inline constexpr double prefetch_planes_per_point_nearest = 0.15;
 inline constexpr double prefetch_planes_per_point_trilinear = 0.1;
 inline constexpr double prefetch_x_samples_per_point = 1;
@@ -95,23 +100,19 @@ inline constexpr double prefetch_x_samples_per_point = 1;
 // group, and it needs its prefetches.
 inline constexpr double fixed_within_group = 1.0 / 16;
 
-// A nearest row over samples of up to 4 bytes in a grid above 8 MiB that
-// passes planes at trilinear's limit or more but below nearest's, with none
-// of the other coherent shapes, asks for no lines ahead and misses the caches
-// often: there scalar loads keep more misses in flight than hardware
-// gathers, whose speed on such rows also swung by up to 3x from one process
-// to the next (float32 nearest, plane at 45 degrees through 256^3, in a
-// numpy process: 243-280 M points/s gathered, 550-638 with scalar loads,
-// the plain schedule's scalar loads 545-653). Faster planes ask for lines
-// ahead and gather better; slower ones find their lines in the caches. Over
-// 8-byte samples such a row asks for lines ahead instead. Over 8- and
-// 16-bit samples the loads must be as wide as the gathers: eight lanes
-// stayed behind the gathered words (uint8, plane at 45 degrees through
-// 256^3: 0.67-0.76 of them), sixteen lanes ran 1.2-1.7x ahead. The limit
-// is below the 16 MiB of the prefetch rule so that it takes in 256^3
-// volumes of 8-bit samples.
-inline constexpr int64_t scalar_load_above_bytes = int64_t{8} << 20;
-
+// A nearest row over samples of up to 4 bytes in a grid beyond the caches
+// that passes planes at trilinear's limit or more but below nearest's asks
+// for no lines ahead and misses the caches often: there scalar loads keep
+// more misses in flight than hardware gathers, whose speed on such rows
+// also swung by up to 3x from one process to the next (float32 nearest,
+// plane at 45 degrees through 256^3, in a numpy process: 243-280 M points/s
+// gathered, 550-638 with scalar loads, the plain schedule's scalar loads
+// 545-653). Faster planes ask for lines ahead and gather better; slower
+// ones find their lines in the caches. Over 8-byte samples such a row asks
+// for lines ahead instead. Over 8- and 16-bit samples the loads must be as
+// wide as the gathers: eight lanes stayed behind the gathered words (uint8,
+// plane at 45 degrees through 256^3: 0.67-0.76 of them), sixteen lanes ran
+// 1.08-1.43x ahead.
 struct RowShape {
   bool windows_likely = false;
   bool scattered = false;
@@ -129,7 +130,10 @@ struct RowShape {
   bool prefetches(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
     if (scattered) return grid_bytes > prefetch_scattered_above_bytes;
     if (grid_bytes <= prefetch_coherent_above_bytes || across_planes_only) return false;
-    if (along_rows_only) return sample_bytes >= prefetch_wide_sample_bytes;
+    if (along_rows_only) {
+      return sample_bytes >= prefetch_wide_sample_bytes &&
+             grid_bytes > prefetch_along_rows_above_bytes;
+    }
     if (x_fast) return true;
     const bool wide_samples = sample_bytes >= prefetch_wide_sample_bytes;
     if (method == Method::nearest) {
@@ -140,14 +144,13 @@ struct RowShape {
 
   // Whether gathered groups read through scalar loads (a set's
   // ScalarLoadRows, or ScalarLoadNarrowSingles) instead of hardware gathers:
-  // strided rows, and the nearest rows described at
-  // scalar_load_above_bytes.
+  // strided rows, and the nearest rows described above RowShape, those
+  // where trilinear would ask for lines ahead and nearest does not.
   bool scalar_loads(Method method, int64_t sample_bytes, int64_t grid_bytes) const {
     if (strided) return true;
-    const bool another_shape = scattered || across_planes_only || along_rows_only || x_fast;
     return method == Method::nearest && sample_bytes < prefetch_wide_sample_bytes &&
-           grid_bytes > scalar_load_above_bytes && !another_shape && planes_fast_for_trilinear &&
-           !planes_fast_for_nearest;
+           prefetches(Method::bilinear, sample_bytes, grid_bytes) &&
+           !prefetches(Method::nearest, sample_bytes, grid_bytes);
   }
 
   // Whether a row whose offsets allow windows reads through them: where its

@@ -93,8 +93,14 @@ TEST(RowShape, SliceAlongRowsIsStridedAndPrefetchesOnlyOverEightByteSamples) {
   EXPECT_TRUE(d.along_rows_only);
   EXPECT_TRUE(d.prefetches(Method::nearest, 8, grid_bytes<double>(256)));
   EXPECT_TRUE(d.prefetches(Method::bilinear, 8, grid_bytes<double>(256)));
-  // Not where the grid is likely cached (64^3 double: 2 MiB).
+  // Not where the grid is likely cached (64^3 double: 2 MiB), nor up to
+  // 16 MiB (128^3 double), where the stride prefetchers keep up.
   EXPECT_FALSE(shape_of<double>(64, step).prefetches(Method::nearest, 8, grid_bytes<double>(64)));
+  const RowShape d128 = shape_of<double>(128, step);
+  EXPECT_TRUE(d128.along_rows_only);
+  EXPECT_FALSE(d128.prefetches(Method::nearest, 8, grid_bytes<double>(128)));
+  EXPECT_FALSE(d128.prefetches(Method::bilinear, 8, grid_bytes<double>(128)));
+  EXPECT_TRUE(d128.prefetches(Method::nearest, 8, qzinterp3d::prefetch_along_rows_above_bytes + 1));
 }
 
 TEST(RowShape, GentlyObliquePlaneDoesNotPrefetch) {
@@ -128,8 +134,11 @@ TEST(RowShape, PlanesPassingFastPrefetchForTrilinearFirst) {
   EXPECT_TRUE(f.planes_fast_for_nearest);
   EXPECT_TRUE(f.prefetches(Method::nearest, 2, grid_bytes<uint16_t>(512)));
   EXPECT_TRUE(f.prefetches(Method::bilinear, 2, grid_bytes<uint16_t>(512)));
-  // Not in a grid of 16 MiB or less.
-  EXPECT_FALSE(f.prefetches(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
+  // 256^3 8-bit samples (16 MiB) ask too; not a grid of 8 MiB or less.
+  EXPECT_TRUE(f.prefetches(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
+  EXPECT_TRUE(f.prefetches(Method::nearest, 1, grid_bytes<uint8_t>(256)));
+  EXPECT_FALSE(f.prefetches(Method::bilinear, 1, qzinterp3d::prefetch_coherent_above_bytes));
+  EXPECT_FALSE(f.prefetches(Method::nearest, 1, qzinterp3d::prefetch_coherent_above_bytes));
 }
 
 TEST(RowShape, NearestOverEightByteSamplesAsksAtTheTrilinearLimitAndIsGathered) {
@@ -175,16 +184,15 @@ TEST(RowShape, NearestOverSamplesUpToFourBytesBetweenTheLimitsUsesScalarLoads) {
   EXPECT_FALSE(s.prefetches(Method::nearest, 4, bytes));
   EXPECT_TRUE(s.scalar_loads(Method::nearest, 4, bytes));
   EXPECT_TRUE(s.scalar_loads(Method::nearest, 2, grid_bytes<uint16_t>(256)));
-  // 256^3 8-bit samples (16 MiB), below the prefetch rule's limit.
-  EXPECT_FALSE(s.prefetches(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
   EXPECT_TRUE(s.scalar_loads(Method::nearest, 1, grid_bytes<uint8_t>(256)));
   // Not for trilinear, 8-byte samples, or a grid of 8 MiB or less.
+  const int64_t cached = qzinterp3d::prefetch_coherent_above_bytes;
   EXPECT_FALSE(s.scalar_loads(Method::bilinear, 4, bytes));
   EXPECT_FALSE(s.scalar_loads(Method::bilinear, 1, bytes));
   EXPECT_FALSE(s.scalar_loads(Method::nearest, 8, bytes));
-  EXPECT_FALSE(s.scalar_loads(Method::nearest, 4, qzinterp3d::scalar_load_above_bytes));
-  EXPECT_FALSE(s.scalar_loads(Method::nearest, 1, qzinterp3d::scalar_load_above_bytes));
-  EXPECT_TRUE(s.scalar_loads(Method::nearest, 1, qzinterp3d::scalar_load_above_bytes + 1));
+  EXPECT_FALSE(s.scalar_loads(Method::nearest, 4, cached));
+  EXPECT_FALSE(s.scalar_loads(Method::nearest, 1, cached));
+  EXPECT_TRUE(s.scalar_loads(Method::nearest, 1, cached + 1));
   // Planes passing at nearest's limit or more: gathered, asking ahead.
   const double fast[3] = {0.245, 0.035, 0.245};
   const RowShape f = shape_of<float>(512, fast);
@@ -233,6 +241,11 @@ TEST(RowShape, FastAlongXPrefetches) {
   EXPECT_FALSE(s.windows_likely);
   EXPECT_TRUE(s.prefetches(Method::nearest, 4, grid_bytes<float>(256)));
   EXPECT_TRUE(s.prefetches(Method::bilinear, 4, grid_bytes<float>(256)));
+  // Over 8-bit samples too (16 MiB).
+  const RowShape b = shape_of<uint8_t>(256, step);
+  EXPECT_TRUE(b.prefetches(Method::nearest, 1, grid_bytes<uint8_t>(256)));
+  EXPECT_TRUE(b.prefetches(Method::bilinear, 1, grid_bytes<uint8_t>(256)));
+  EXPECT_FALSE(b.scalar_loads(Method::nearest, 1, grid_bytes<uint8_t>(256)));
 }
 
 TEST(RowShape, ScatteredPointsPrefetchBeyondTheSecondLevelCache) {
