@@ -81,8 +81,8 @@ concept ChecksStraddledPairs = requires(typename Ops::Index i) {
 
 // Ops of a set with hardware gathers that name the operations to read
 // rows with scalar loads instead, for the rows RowShape::scalar_loads picks:
-// ScalarLoadRows (narrower vectors), and optionally ScalarLoadNarrowSingles
-// for nearest rows over 8- and 16-bit samples.
+// ScalarLoadRows (narrower vectors), and optionally ScalarLoadIntegerSingles
+// for nearest rows over integer samples.
 template <class Ops>
 concept HasScalarLoadRowOps = requires {
   typename Ops::ScalarLoadRows;
@@ -93,9 +93,9 @@ struct ScalarLoadOps {
   using type = typename Ops::ScalarLoadRows;
 };
 template <class Ops, class Sample>
-requires(sizeof(Sample) < 4) && requires { typename Ops::ScalarLoadNarrowSingles; }
+requires(!std::is_floating_point_v<Sample>) && requires { typename Ops::ScalarLoadIntegerSingles; }
 struct ScalarLoadOps<Ops, Method::nearest, Sample> {
-  using type = typename Ops::ScalarLoadNarrowSingles;
+  using type = typename Ops::ScalarLoadIntegerSingles;
 };
 
 // What a row kernel works out once per row.

@@ -143,7 +143,7 @@ struct RowShape {
   }
 
   // Whether gathered groups read through scalar loads (a set's
-  // ScalarLoadRows, or ScalarLoadNarrowSingles) instead of hardware gathers:
+  // ScalarLoadRows, or ScalarLoadIntegerSingles) instead of hardware gathers:
   // strided rows, and the nearest rows described above RowShape, those
   // where trilinear would ask for lines ahead and nearest does not.
   bool scalar_loads(Method method, int64_t sample_bytes, int64_t grid_bytes) const {

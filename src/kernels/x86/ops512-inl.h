@@ -22,10 +22,10 @@ template <>
 struct Ops512<float> {
   using Coord = float;
   // Rows read with scalar loads (RowShape::scalar_loads): through the 32-byte
-  // operations, except nearest over 8- and 16-bit samples, which loads one
-  // sample a lane at full width.
+  // operations, except nearest over integer samples, which loads one sample
+  // a lane at full width.
   using ScalarLoadRows = Ops256<float>;
-  using ScalarLoadNarrowSingles = Ops512SampleLoads<float>;
+  using ScalarLoadIntegerSingles = Ops512SampleLoads<float>;
   static constexpr int lanes = 16;
   static constexpr int vector_registers = 32;
   using V = __m512;
@@ -283,10 +283,10 @@ template <>
 struct Ops512<double> {
   using Coord = double;
   // Rows read with scalar loads (RowShape::scalar_loads): through the 32-byte
-  // operations, except nearest over 8- and 16-bit samples, which loads one
-  // sample a lane at full width.
+  // operations, except nearest over integer samples, which loads one sample
+  // a lane at full width.
   using ScalarLoadRows = Ops256<double>;
-  using ScalarLoadNarrowSingles = Ops512SampleLoads<double>;
+  using ScalarLoadIntegerSingles = Ops512SampleLoads<double>;
   static constexpr int lanes = 8;
   static constexpr int vector_registers = 32;
   using V = __m512d;
@@ -467,10 +467,12 @@ struct Ops512Loads : Ops512<C> {
 };
 
 // Scalar loads for every sample type: 8- and 16-bit samples too are read one
-// by one rather than as the words that hold them, for the nearest rows whose
-// hardware gathers lose to scalar loads (RowShape::scalar_loads). Sixteen
-// lanes, not the eight of the 32-byte operations: over narrow samples those
-// stayed behind the gathered words.
+// by one rather than as the words that hold them, for the nearest rows over
+// integer samples whose hardware gathers lose to scalar loads
+// (RowShape::scalar_loads). Sixteen lanes, not the eight of the 32-byte
+// operations: over 8- and 16-bit samples those stayed behind the gathered
+// words, and over 32-bit integers sixteen lanes read slices along y through
+// 256^3 1.06-1.15x faster (float32 level).
 template <class C>
 struct Ops512SampleLoads : Ops512Loads<C> {
   using typename Ops512Loads<C>::Index;
