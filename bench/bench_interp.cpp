@@ -258,10 +258,12 @@ void* plain_library() {
 std::vector<std::string> plain_targets() {
   std::vector<std::string> targets{"sse41"};
   __builtin_cpu_init();
-  if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+  const bool avx2 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma") &&
+                    __builtin_cpu_supports("f16c");
+  if (avx2) targets.push_back("avx2");
+  if (avx2 && __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
       __builtin_cpu_supports("avx512dq") && __builtin_cpu_supports("avx512vl") &&
-      __builtin_cpu_supports("avx512cd") && __builtin_cpu_supports("avx2") &&
-      __builtin_cpu_supports("fma")) {
+      __builtin_cpu_supports("avx512cd")) {
     targets.push_back("avx512");
   }
   return targets;

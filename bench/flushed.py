@@ -1,10 +1,11 @@
 #!/usr/bin/python3
-"""Ours against the plain avx512 schedule in a numpy process, with the
+"""Ours against the widest plain schedule this CPU runs (avx512, else
+avx2) in a numpy process, with the
 caches flushed before each run of calls, as a caller's other work flushes
 them between its calls.
 
 For each case, every implementation (ours under each kernel set asked for,
-then plain_avx512) is run in turn: a sweep over --flush-mib of memory, then
+then that plain schedule) is run in turn: a sweep over --flush-mib of memory, then
 --calls back-to-back calls, whose median rate is that run's figure
 ("flushed"). Right after, without a sweep, 3 more calls and then
 --calls timed ones give the "warm" figure. The table shows the median
@@ -56,7 +57,9 @@ def main():
         f()
         return compare.POINTS / 1e6 / (time.perf_counter() - t0)
 
-    names = [f"ours:{k}" for k in kernels] + ["plain_avx512"]
+    plain_target = "avx512" if peers.cpu_runs("avx512") else "avx2"
+    plain_name = f"plain_{plain_target}"
+    names = [f"ours:{k}" for k in kernels] + [plain_name]
     cpu = suite.cpu_identity()
     print(f"CPU: {cpu['vendor']} family {cpu['family']} model {cpu['model']} ({cpu['model_name']}); "
           f"git {compare.git_state()}; million points per second, median of {args.reps} rounds of "
@@ -73,8 +76,8 @@ def main():
         case = compare.Case(workload, n, type_name, method)
         calls = {f"ours:{k}": lib.caller(case, V, X, Y, Z) for k, lib in libs.items()}
         plain_out = np.empty((compare.ROWS, compare.COLS), ct)
-        calls["plain_avx512"] = peers.plain_caller("avx512", method, type_name, V, X, Y, Z,
-                                                   compare.FILL, plain_out)
+        calls[plain_name] = peers.plain_caller(plain_target, method, type_name, V, X, Y, Z,
+                                               compare.FILL, plain_out)
         for f in calls.values():
             for _ in range(3):
                 f()

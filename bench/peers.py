@@ -8,7 +8,8 @@
     run = peers.loads_caller("bilinear", "float32", V, X, Y, Z, out)
     run()          # one pass of the loads-only bound
 
-Targets: "sse41", "avx512" (cpu_runs_avx512() says whether this CPU can);
+Targets: "sse41", "avx2", "avx512" (cpu_runs(target) says whether this CPU
+can; runnable_targets() lists those it can);
 methods: "nearest", "bilinear" (trilinear, named as the library's entries).
 
 Volumes are C-contiguous numpy arrays indexed [z, y, x] (x fastest);
@@ -48,7 +49,7 @@ TYPES = {
     "int32": (np.int32, np.float32, 0, 32),
     "uint32": (np.uint32, np.float32, 1, 32),
 }
-TARGETS = ("sse41", "avx512")
+TARGETS = ("sse41", "avx2", "avx512")
 METHODS = ("nearest", "bilinear")
 LOADS_METHOD = {"nearest": 0, "bilinear": 1}  # LOADS_NEAREST, LOADS_TRILINEAR
 
@@ -197,14 +198,31 @@ def bind_library(path):
     return lib
 
 
-def cpu_runs_avx512():
-    flags = set()
+# The CPU features each plain target's code uses.
+TARGET_FLAGS = {
+    "sse41": {"sse4_1"},
+    "avx2": {"sse4_1", "avx", "f16c", "fma", "avx2"},
+    "avx512": {"sse4_1", "avx", "f16c", "fma", "avx2", "avx512f", "avx512bw", "avx512dq",
+               "avx512vl", "avx512cd"},
+}
+
+
+def cpu_flags():
     with open("/proc/cpuinfo") as f:
         for line in f:
             if line.startswith("flags"):
-                flags = set(line.split(":", 1)[1].split())
-                break
-    return {"avx512f", "avx512bw", "avx512dq", "avx512vl", "avx512cd", "avx2", "fma"} <= flags
+                return set(line.split(":", 1)[1].split())
+    return set()
+
+
+def cpu_runs(target):
+    """Whether this CPU runs the plain pipelines of `target` (they would
+    fault with an illegal instruction otherwise)."""
+    return TARGET_FLAGS[target] <= cpu_flags()
+
+
+def runnable_targets():
+    return [t for t in TARGETS if cpu_runs(t)]
 
 
 def make_inputs(type_name, shape, rows, cols, seed):
@@ -307,7 +325,7 @@ def self_check(build):
     build = Path(build)
     peers = Peers(build)
     lib = bind_library(build / "libqzinterp3d_halide.so")
-    targets = [t for t in TARGETS if t != "avx512" or cpu_runs_avx512()]
+    targets = runnable_targets()
     # (shape [nz, ny, nx], rows, cols): nx above every block width, so ours
     # runs its parallel path, at widths that are no multiple of a vector
     # width; then an output narrower than any vector, with nx at most every

@@ -29,6 +29,7 @@ from suite_table import TYPE_ORDER, WORKLOAD_ORDER, cpu_line  # noqa: E402
 STYLE = {
     "ours": ("#d62728", "-", "ours"),
     "plain_sse41": ("#1f77b4", "-", "plain Halide sse41"),
+    "plain_avx2": ("#9467bd", "-", "plain Halide avx2"),
     "plain_avx512": ("#17becf", "-", "plain Halide avx512"),
     "scipy": ("#2ca02c", "-", "scipy map_coordinates"),
     "torch": ("#ff7f0e", "-", "torch grid_sample"),

@@ -6,9 +6,10 @@ volume, both methods, at 1 thread and at every CPU, in one interleaved run.
 Per case it times, in rotating order within every repetition (the median of
 the repetitions is the figure):
   * ours:          the library's own kernel set (--kernels adds forced sets);
-  * plain_sse41, plain_avx512:
+  * plain_sse41, plain_avx2, plain_avx512:
                    the same pipelines as plain Halide schedules compiled for
-                   those targets (bench/libqzbench_plain.so via bench/peers.py);
+                   those targets (bench/libqzbench_plain.so via bench/peers.py),
+                   each where the CPU has its instructions;
   * scipy, torch:  scipy.ndimage.map_coordinates and torch's grid_sample, as
                    in compare.py (slow: by default at 1 thread only);
   * stream:        Vq = Xq + Yq + Zq on the same pool, the traffic bound;
@@ -53,9 +54,9 @@ import suite_table  # noqa: E402
 SIZES = (64, 256, 512)
 LARGE_SIZE, LARGE_TYPES = 1024, ("uint16",)  # 2 GiB; torch needs a 4 GiB float32 copy
 METHODS = ("bilinear", "nearest")
-PEERS = ("plain_sse41", "plain_avx512", "scipy", "torch", "stream", "loads")
+PEERS = ("plain_sse41", "plain_avx2", "plain_avx512", "scipy", "torch", "stream", "loads")
 SLOW_PEERS = ("scipy", "torch")
-DEFAULT_PEERS = "plain_sse41,plain_avx512,scipy@1,torch@1,stream,loads"
+DEFAULT_PEERS = "plain_sse41,plain_avx2,plain_avx512,scipy@1,torch@1,stream,loads"
 QUICK = {"workloads": ("axis_y", "oblique_steep", "deformed"), "sizes": (64, 256),
          "types": ("float32", "uint16")}
 
@@ -121,7 +122,7 @@ class PlainPeers:
             self.why_not = f"{', '.join(missing)} not built in {build}"
             return
         self.module = peers.Peers(build)
-        self.runs_avx512 = peers.cpu_runs_avx512
+        self.cpu_runs = peers.cpu_runs
 
     def calls(self, names, case, V, X, Y, Z):
         """Callables returning their output, one per name of names."""
@@ -184,8 +185,8 @@ def run_child(args):
         import torch.nn.functional as F
         torch.set_num_threads(threads)
     plain = PlainPeers(args.build)
-    if plain.module is not None and not plain.runs_avx512():
-        active = [n for n in active if n != "plain_avx512"]  # it would fault on this CPU
+    if plain.module is not None:  # a target this CPU lacks would fault
+        active = [n for n in active if not n.startswith("plain_") or plain.cpu_runs(n[len("plain_"):])]
     plain_names = [n for n in active if n.startswith("plain_") or n == "loads"]
     if plain.module is None:
         active = [n for n in active if n not in plain_names]
