@@ -37,6 +37,18 @@ TEST(DispatchRule, InstructionSetsBoundTheChoice) {
   }
 }
 
+TEST(DispatchRule, CoresWithoutAvx512TakeTheAvx2Set) {
+  // AMD family 0x19 without AVX-512: Zen 3 (Milan, Vermeer, Cezanne); 0x17:
+  // Zen 2. Intel client cores without AVX-512 (Alder and Raptor Lake).
+  for (int model : {0x01, 0x21, 0x50}) {
+    EXPECT_STREQ(kernel_set_for(x86(Vendor::amd, 0x19, model, true, true, false)), "avx2") << model;
+  }
+  EXPECT_STREQ(kernel_set_for(x86(Vendor::amd, 0x17, 0x31, true, true, false)), "avx2");
+  for (int model : {0x97, 0xB7}) {
+    EXPECT_STREQ(kernel_set_for(x86(Vendor::intel, 6, model, true, true, false)), "avx2") << model;
+  }
+}
+
 TEST(DispatchRule, AmdZen4TakesTheAvx2Set) {
   // Family 0x19 with AVX-512: Zen 4 (Genoa, Raphael, Phoenix, Bergamo).
   for (int model : {0x11, 0x61, 0x74, 0xA0}) {
