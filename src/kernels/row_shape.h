@@ -19,9 +19,24 @@ namespace qzinterp3d {
 
 // The shape is measured on one wide group's points (the distance its first
 // and last lanes lie apart along each axis) in three groups: at the row's
-// start, a third and two thirds along. Two of three decide each property,
-// so that a single jump (an upsampling grid wrapping to its next row within
-// the output row) does not decide alone. NaN distances count as far.
+// start, a third and two thirds along its first shape_columns columns
+// (shape_group_start). Two of three decide each property, so that a single
+// jump (an upsampling grid wrapping to its next row within the output row)
+// does not decide alone. NaN distances count as far.
+//
+// Only the first columns: their lines are the ones the row reads first,
+// while lines a third of a long row along are not yet in the caches when it
+// starts, and the row's first groups wait for them (nearest along x and on
+// upsampling grids, Zen 3: 1.15-1.27x measuring within 128 columns rather
+// than the whole row).
+inline constexpr int64_t shape_columns = 128;
+
+// The first column of the i-th measured group (i = 0, 1, 2) of a row of
+// `columns` full-block columns, at least `lanes` of them.
+inline int64_t shape_group_start(int64_t columns, int32_t lanes, int i) {
+  const int64_t last_start = std::min(columns, shape_columns) - lanes;
+  return last_start / 3 * i;
+}
 //
 // Windows serve a group when its lanes lie in at most two grid rows (along
 // y and z) and span less than a window along x. Where the points cross grid
@@ -197,10 +212,7 @@ inline RowShape row_shape(const Grid<Sample>& g, const RowSpan<CoordOf<Sample>>&
     planes_fast_trilinear += planes >= prefetch_planes_per_point_trilinear * steps;
     x_fast += along_x >= prefetch_x_samples_per_point * steps;
   };
-  const int64_t last_start = columns - lanes;
-  measure_group_at(0);
-  measure_group_at(last_start / 3);
-  measure_group_at(last_start / 3 * 2);
+  for (int i = 0; i < 3; ++i) measure_group_at(shape_group_start(columns, lanes, i));
   shape.windows_likely = windows >= 2;
   shape.scattered = scattered >= 2;
   shape.strided = strided >= 2;

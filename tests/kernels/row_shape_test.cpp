@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "kernels/row_shape.h"
@@ -282,11 +283,45 @@ TEST(RowShape, TwoOfThreeGroupsDecide) {
   EXPECT_FALSE(s.planes_fast_for_nearest);
   EXPECT_FALSE(s.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
   // When two of three groups jump, they decide.
-  const int64_t second = (kColumns - kLanes) / 3;
+  const int64_t second = qzinterp3d::shape_group_start(kColumns, kLanes, 1);
   for (int l = 0; l < kLanes; ++l) row.z[static_cast<size_t>(second + l)] += static_cast<float>(l);
   const RowShape t = row_shape(dense_grid<float>(512), row.span(), kColumns, kLanes);
   EXPECT_TRUE(t.planes_fast_for_nearest);
   EXPECT_TRUE(t.prefetches(Method::nearest, 4, grid_bytes<float>(512)));
+}
+
+TEST(RowShape, MeasuresWithinTheRowsFirstColumns) {
+  // A slice along x: windows, not scattered. NaN points count as far, so
+  // they would make the row scattered wherever two measured groups hold
+  // them; past the first shape_columns columns none is measured.
+  const double step[3] = {0.5, 0, 0};
+  const double start[3] = {100.3, 100.3, 100.3};
+  Row<float> row(start, step);
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  for (int64_t c = qzinterp3d::shape_columns; c < kColumns; ++c) {
+    row.x[static_cast<size_t>(c)] = row.y[static_cast<size_t>(c)] = row.z[static_cast<size_t>(c)] =
+        nan;
+  }
+  const RowShape s = row_shape(dense_grid<float>(512), row.span(), kColumns, kLanes);
+  EXPECT_TRUE(s.windows_likely);
+  EXPECT_FALSE(s.scattered);
+  // The measured groups all lie in those columns, the last one ending there.
+  EXPECT_EQ(qzinterp3d::shape_group_start(kColumns, kLanes, 0), 0);
+  EXPECT_LT(qzinterp3d::shape_group_start(kColumns, kLanes, 1),
+            qzinterp3d::shape_group_start(kColumns, kLanes, 2));
+  EXPECT_LE(qzinterp3d::shape_group_start(kColumns, kLanes, 2) + kLanes,
+            qzinterp3d::shape_columns);
+  // NaN in the last lanes of the second and third measured groups decides.
+  for (int i : {1, 2}) {
+    const auto last = static_cast<size_t>(qzinterp3d::shape_group_start(kColumns, kLanes, i) +
+                                          kLanes - 1);
+    row.x[last] = nan;
+  }
+  const RowShape t = row_shape(dense_grid<float>(512), row.span(), kColumns, kLanes);
+  EXPECT_TRUE(t.scattered);
+  EXPECT_FALSE(t.windows_likely);
+  // A row shorter than shape_columns is measured over its own length.
+  EXPECT_EQ(qzinterp3d::shape_group_start(64, kLanes, 2), (64 - kLanes) / 3 * 2);
 }
 
 TEST(RowShape, RowsShorterThanAGroupKeepTheDefaults) {
