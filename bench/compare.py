@@ -213,6 +213,16 @@ def make_coords(workload, n, ct):
     return [np.ascontiguousarray(q.astype(ct)) for q in xyz]
 
 
+def case_inputs(case_text):
+    """'workload:n:type:method' -> (Case, V, X, Y, Z): the case and its volume
+    and coordinates, as every case of this module builds them."""
+    workload, n, type_name, method = case_text.split(":")
+    n = int(n)
+    V = make_volume(type_name, n)
+    X, Y, Z = make_coords(workload, n, TYPES[type_name][1])
+    return Case(workload, n, type_name, method), V, X, Y, Z
+
+
 def make_volume(type_name, n, seed=12345):
     """Shape (nz, ny, nx), x fastest: floats in [0, 1), integers over the whole range."""
     dt = TYPES[type_name][0]

@@ -68,12 +68,9 @@ def main():
           " | ".join(f"{n} warm" for n in names) + " |")
     print("|---|" + "--:|" * (2 * len(names)))
     for case_text in args.cases:
-        workload, n, type_name, method = case_text.split(":")
-        n = int(n)
+        case, V, X, Y, Z = compare.case_inputs(case_text)
+        method, type_name = case.method, case.type
         ct = compare.TYPES[type_name][1]
-        V = compare.make_volume(type_name, n)
-        X, Y, Z = compare.make_coords(workload, n, ct)
-        case = compare.Case(workload, n, type_name, method)
         calls = {f"ours:{k}": lib.caller(case, V, X, Y, Z) for k, lib in libs.items()}
         plain_out = np.empty((compare.ROWS, compare.COLS), ct)
         calls[plain_name] = peers.plain_caller(plain_target, method, type_name, V, X, Y, Z,
@@ -92,7 +89,7 @@ def main():
                 warm[name].append(statistics.median(rate(f) for _ in range(args.calls)))
         row = [f"{statistics.median(flushed[k]):.0f}" for k in names]
         row += [f"{statistics.median(warm[k]):.0f}" for k in names]
-        print(f"| {workload} {n}^3 {type_name} {method} | " + " | ".join(row) + " |", flush=True)
+        print(f"| {case.name} | " + " | ".join(row) + " |", flush=True)
 
 
 if __name__ == "__main__":
