@@ -47,7 +47,7 @@ namespace {
 constexpr const char* kQuickFilter =
     "^interp3_(bilinear|nearest)_float32/(oblique|random)/n:(64|512)/"
     "|^interp3_bilinear_uint8/oblique/n:256/"
-    "|^(plain_(sse41|avx512)_|loads/)bilinear_uint8/oblique/n:256/"
+    "|^(plain_(sse41|avx2|avx512)_|loads/)bilinear_uint8/oblique/n:256/"
     "|^stream/float32/"
     "|^pool/"
     "|^host/";
