@@ -1,8 +1,7 @@
 #!/usr/bin/python3
-"""Ours against the widest plain schedule this CPU runs (avx512, else
-avx2) in a numpy process, with the
-caches flushed before each run of calls, as a caller's other work flushes
-them between its calls.
+"""Ours against the widest plain schedule this CPU runs (avx512, avx2 or
+sse41) in a numpy process, with the caches flushed before each run of
+calls, as a caller's other work flushes them between its calls.
 
 For each case, every implementation (ours under each kernel set asked for,
 then that plain schedule) is run in turn: a sweep over --flush-mib of memory, then
@@ -57,7 +56,7 @@ def main():
         f()
         return compare.POINTS / 1e6 / (time.perf_counter() - t0)
 
-    plain_target = "avx512" if peers.cpu_runs("avx512") else "avx2"
+    plain_target = peers.runnable_targets()[-1]
     plain_name = f"plain_{plain_target}"
     names = [f"ours:{k}" for k in kernels] + [plain_name]
     cpu = suite.cpu_identity()

@@ -27,7 +27,7 @@ namespace qzinterp3d {
 // Only the first columns: their lines are the ones the row reads first,
 // while lines a third of a long row along are not yet in the caches when it
 // starts, and the row's first groups wait for them (nearest along x and on
-// upsampling grids, Zen 3: 1.15-1.27x measuring within 128 columns rather
+// upsampling grids, Zen 3: 1.15-1.23x measuring within 128 columns rather
 // than the whole row).
 inline constexpr int64_t shape_columns = 128;
 
@@ -37,7 +37,7 @@ inline int64_t shape_group_start(int64_t columns, int32_t lanes, int i) {
   const int64_t last_start = std::min(columns, shape_columns) - lanes;
   return last_start / 3 * i;
 }
-//
+
 // Windows serve a group when its lanes lie in at most two grid rows (along
 // y and z) and span less than a window along x. Where the points cross grid
 // rows more often than about once a group (oblique and steep planes,
