@@ -233,10 +233,10 @@ struct WideGroups {
 
 // Seen through the probe: a row of 64 coherent full-block columns is
 // counted as 64 / lanes groups. Float coordinates always have windows on a
-// set that reads them; double coordinates may not.
+// set that reads them for the variant; double coordinates may not.
 template <Method M, class S>
 WideGroups wide_groups_of_active_set() {
-  WideGroups w{qzinterp3d::active_kernel_set().reads_windows, 0};
+  WideGroups w{qzinterp3d::active_kernel_set().reads_windows<M, S>(), 0};
   GuardedScene<M, S> g(padded(40, 6, 5), 64, 1);
   std::mt19937_64 rng(1);
   fill_random(g.grid, rng);
@@ -251,7 +251,7 @@ WideGroups wide_groups_of_active_set() {
   const qzinterp3d::WindowGroups after = qzinterp3d::window_groups();
   const uint64_t counted = (after.served - before.served) + (after.gathered - before.gathered);
   if (!w.windows) {
-    EXPECT_EQ(0u, counted) << "a kernel set without windows counted groups";
+    EXPECT_EQ(0u, counted) << "a kernel set without windows for the variant counted groups";
   } else if (counted > 0) {
     EXPECT_EQ(0u, 64 % counted) << counted << " groups in 64 columns";
     w.lanes = static_cast<int>(64 / counted);

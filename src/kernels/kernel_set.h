@@ -9,15 +9,19 @@ namespace qzinterp3d {
 
 struct KernelSet {
   const char* name;
-  // True when its wide groups read coherent points through windows (loads
-  // and permutes) before falling back to gathers.
-  bool reads_windows;
 #define QZ_ROW_MEMBER(method, type, T) RowFn<T> method##_##type;
   QZ_FOR_EACH_VARIANT(QZ_ROW_MEMBER)
 #undef QZ_ROW_MEMBER
+  // Per variant: true when its wide groups read coherent points through
+  // windows (loads and permutes) before falling back to gathers.
+#define QZ_WINDOWS_MEMBER(method, type, T) bool method##_##type##_windows;
+  QZ_FOR_EACH_VARIANT(QZ_WINDOWS_MEMBER)
+#undef QZ_WINDOWS_MEMBER
 
   template <Method M, class Sample>
   RowFn<Sample> row() const;
+  template <Method M, class Sample>
+  bool reads_windows() const;
 };
 
 #define QZ_ROW_ACCESSOR(method, type, T)                                 \
@@ -27,5 +31,13 @@ struct KernelSet {
   }
 QZ_FOR_EACH_VARIANT(QZ_ROW_ACCESSOR)
 #undef QZ_ROW_ACCESSOR
+
+#define QZ_WINDOWS_ACCESSOR(method, type, T)                      \
+  template <>                                                     \
+  inline bool KernelSet::reads_windows<Method::method, T>() const { \
+    return method##_##type##_windows;                             \
+  }
+QZ_FOR_EACH_VARIANT(QZ_WINDOWS_ACCESSOR)
+#undef QZ_WINDOWS_ACCESSOR
 
 }  // namespace qzinterp3d

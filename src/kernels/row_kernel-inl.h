@@ -65,6 +65,21 @@ concept HasXPairGather = Ops::has_x_pair_gather;
 template <class Ops>
 concept HasWindowLoads = Ops::has_window_loads;
 
+// Whether rows of a variant read coherent points through windows where
+// they can: every variant on a set with window loads, except nearest rows
+// of the samples a set's Ops exclude (nearest_window_reads<Sample>).
+template <class Ops, Method M, class Sample>
+constexpr bool reads_windows() {
+  if constexpr (!HasWindowLoads<Ops>) {
+    return false;
+  } else if constexpr (M == Method::nearest &&
+                       requires { Ops::template nearest_window_reads<Sample>; }) {
+    return Ops::template nearest_window_reads<Sample>;
+  } else {
+    return true;
+  }
+}
+
 // Where a hardware gather of 32-bit words is the way to read narrow samples,
 // a single sample is read as part of a word too.
 template <class Ops>
@@ -808,7 +823,7 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
     gather_run<Wide, M, Sample>(g, plan, r, c, stop, end);
     c = stop;
 #if defined(QZINTERP3D_KERNEL_PROBE)
-    if constexpr (HasWindowLoads<Wide>) {
+    if constexpr (reads_windows<Wide, M, Sample>()) {
       note_window_groups(0, static_cast<uint64_t>((c - first) / Wide::lanes));
     }
 #endif
@@ -821,7 +836,7 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
 #if defined(QZINTERP3D_KERNEL_PROBE)
     // Where the set has windows but the row cannot use them, its groups
     // count as gathered.
-    if constexpr (HasWindowLoads<Wide>) {
+    if constexpr (reads_windows<Wide, M, Sample>()) {
       note_window_groups(0, static_cast<uint64_t>((c - first) / Wide::lanes));
     }
 #endif
@@ -854,7 +869,7 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
       const RowShape shape = row_shape(g, r, full_columns, Wide::lanes);
       const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
       plan.prefetch = shape.prefetches(M, int64_t{sizeof(Sample)}, grid_bytes);
-      fetch = HasWindowLoads<Wide> && shape.window_reads(M, plan.prefetch) &&
+      fetch = reads_windows<Wide, M, Sample>() && shape.window_reads(M, plan.prefetch) &&
                       windows_fit(plan, Wide::lanes)
                   ? Fetch::windows
                   : Fetch::gathers;
@@ -875,7 +890,7 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
         c = wide_full_groups<Wide, M, Sample, Fetch::gathers>(g, plan, r, c, full_columns);
         break;
       case Fetch::windows:
-        if constexpr (HasWindowLoads<Wide>) {
+        if constexpr (reads_windows<Wide, M, Sample>()) {
           c = wide_full_groups<Wide, M, Sample, Fetch::windows>(g, plan, r, c, full_columns);
         }
         break;
@@ -899,10 +914,13 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
 
 template <template <class> class WideOps, template <class> class NarrowOps>
 constexpr KernelSet make_kernel_set(const char* name) {
-  return KernelSet{name, HasWindowLoads<WideOps<float>>,
+  return KernelSet{name,
 #define QZ_ROW_POINTER(method, type, T) &row<WideOps, NarrowOps, Method::method, T>,
                    QZ_FOR_EACH_VARIANT(QZ_ROW_POINTER)
 #undef QZ_ROW_POINTER
+#define QZ_WINDOWS_FLAG(method, type, T) reads_windows<WideOps<CoordOf<T>>, Method::method, T>(),
+                   QZ_FOR_EACH_VARIANT(QZ_WINDOWS_FLAG)
+#undef QZ_WINDOWS_FLAG
   };
 }
 

@@ -136,3 +136,68 @@ TEST(DispatchRule, TraitsMatchTheSystemsReport) {
 #endif
 
 }  // namespace
+
+// Which variants of each set read coherent points through windows: the
+// 32-byte set reads nearest rows through them only for 8-bit samples (for
+// wider ones scalar loads cost fewer instructions), and trilinear rows of
+// every type; the 64-byte sets read every variant through them; the 16-byte
+// and portable sets have none. The flags come from the same constants the
+// row kernels branch on; tests/coherent_points_test.cpp checks, set by set,
+// that rows read the way the flags say.
+namespace {
+
+const qzinterp3d::KernelSet* kernel_set_named(const std::string& name) {
+  for (int i = 0; i < qzinterp3d::kernel_set_count(); ++i) {
+    const qzinterp3d::KernelSetEntry e = qzinterp3d::kernel_set_at(i);
+    if (name == e.set->name) return e.set;
+  }
+  return nullptr;
+}
+
+using qzinterp3d::Method;
+
+// The set's flags for nearest and trilinear, in the order int8, uint8,
+// int16, uint16, int32, uint32, float32, float64.
+std::string window_flags(const qzinterp3d::KernelSet& set, Method m) {
+  auto flag = [&](auto sample) {
+    using S = decltype(sample);
+    const bool windows = m == Method::nearest ? set.reads_windows<Method::nearest, S>()
+                                              : set.reads_windows<Method::bilinear, S>();
+    return windows ? '1' : '0';
+  };
+  return {flag(int8_t{}),  flag(uint8_t{}),  flag(int16_t{}), flag(uint16_t{}),
+          flag(int32_t{}), flag(uint32_t{}), flag(float{}),   flag(double{})};
+}
+
+}  // namespace
+
+TEST(KernelSetWindows, Avx2ReadsNearestWindowsOnlyForByteSamples) {
+  const qzinterp3d::KernelSet* set = kernel_set_named("avx2");
+  if (set == nullptr) GTEST_SKIP() << "this build has no avx2 set";
+  EXPECT_EQ("11000000", window_flags(*set, Method::nearest));
+  EXPECT_EQ("11111111", window_flags(*set, Method::bilinear));
+}
+
+TEST(KernelSetWindows, WideSetsReadEveryVariantThroughWindows) {
+  int checked = 0;
+  for (const char* name : {"avx512", "avx512_loads"}) {
+    const qzinterp3d::KernelSet* set = kernel_set_named(name);
+    if (set == nullptr) continue;
+    ++checked;
+    EXPECT_EQ("11111111", window_flags(*set, Method::nearest)) << name;
+    EXPECT_EQ("11111111", window_flags(*set, Method::bilinear)) << name;
+  }
+  if (checked == 0) GTEST_SKIP() << "this build has no 64-byte set";
+}
+
+TEST(KernelSetWindows, NarrowSetsHaveNone) {
+  int checked = 0;
+  for (const char* name : {"portable", "fma128", "neon"}) {
+    const qzinterp3d::KernelSet* set = kernel_set_named(name);
+    if (set == nullptr) continue;
+    ++checked;
+    EXPECT_EQ("00000000", window_flags(*set, Method::nearest)) << name;
+    EXPECT_EQ("00000000", window_flags(*set, Method::bilinear)) << name;
+  }
+  EXPECT_GT(checked, 0) << "every build has the portable set";
+}
