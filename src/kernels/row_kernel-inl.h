@@ -32,7 +32,9 @@
 //   permute_into(dst, mask, window, rel); optionally mask_andnot and
 //   union_is_full (mask instructions instead of bits).
 // Optionally, shortcuts that change instructions, never results:
-//   round_to_index<mode>(d) (round and convert in one step, as to_index);
+//   round_to_index<mode>(d) (round and convert in one step, as to_index;
+//     rows run in the default floating-point environment, so a conversion
+//     may round to nearest by itself);
 //   not_gt and and_not_gt(mask, a, b) (the block test as chained masked
 //   comparisons); with windows, all_set, round_to_index_in_range<mode>
 //   and either bits_within and and_bits_within (a's bits <= b's, unsigned)

@@ -45,18 +45,28 @@ struct Ops256<float> {
   }
   // Values already known to round into [0, 2^31): rounded in the given mode
   // (0: nearest, ties to even; 1: down; 2: up), then converted exactly.
+  // Rows run in the default floating-point environment (entry/fp_env.h), so
+  // the conversion's own rounding is to nearest, ties to even: one
+  // instruction instead of two.
   template <int Mode>
   static Index round_to_index_in_range(V a) {
-    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
-                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
-                                         : _MM_FROUND_TO_POS_INF;
-    return _mm256_cvttps_epi32(_mm256_round_ps(a, rounding | _MM_FROUND_NO_EXC));
+    if constexpr (Mode == 0) {
+      return _mm256_cvtps_epi32(a);
+    } else {
+      constexpr int rounding = Mode == 1 ? _MM_FROUND_TO_NEG_INF : _MM_FROUND_TO_POS_INF;
+      return _mm256_cvttps_epi32(_mm256_round_ps(a, rounding | _MM_FROUND_NO_EXC));
+    }
   }
-  // Ordered a >= b and a <= b, the latter two and-ed into a mask: with the
-  // test that every lane is inside, they spare a group its clamps and fill.
-  static Mask ge(V a, V b) { return _mm256_cmp_ps(a, b, _CMP_GE_OQ); }
-  static Mask and_ge(Mask m, V a, V b) { return _mm256_and_ps(m, _mm256_cmp_ps(a, b, _CMP_GE_OQ)); }
-  static Mask and_le(Mask m, V a, V b) { return _mm256_and_ps(m, _mm256_cmp_ps(a, b, _CMP_LE_OQ)); }
+  // a's bits not above b's, as unsigned integers (see GroupKernel::all_inside),
+  // alone and and-ed into a mask: AVX2 compares only signed integers, but
+  // max(a, b) == b unsigned is the same test, two instructions an axis
+  // where ordered comparisons of q and d take three.
+  static Mask bits_within(V a, V b) {
+    const __m256i bi = _mm256_castps_si256(b);
+    return _mm256_castsi256_ps(
+        _mm256_cmpeq_epi32(_mm256_max_epu32(_mm256_castps_si256(a), bi), bi));
+  }
+  static Mask and_bits_within(Mask m, V a, V b) { return _mm256_and_ps(m, bits_within(a, b)); }
   static bool all_set(Mask m) { return _mm256_movemask_ps(m) == 0xFF; }
   static V to_coord(Index i) { return _mm256_cvtepi32_ps(i); }
   static void store_index(int32_t* p, Index i) {
@@ -291,13 +301,16 @@ struct Ops256<double> {
   static Index clamp(Index i, int32_t hi) {
     return _mm_max_epi32(_mm_min_epi32(i, _mm_set1_epi32(hi)), _mm_setzero_si128());
   }
-  // As Ops256<float>: rounded in the mode, then converted exactly.
+  // As Ops256<float>: nearest by the conversion's own rounding, down and up
+  // rounded first, then converted exactly.
   template <int Mode>
   static Index round_to_index_in_range(V a) {
-    constexpr int rounding = Mode == 0   ? _MM_FROUND_TO_NEAREST_INT
-                             : Mode == 1 ? _MM_FROUND_TO_NEG_INF
-                                         : _MM_FROUND_TO_POS_INF;
-    return _mm256_cvttpd_epi32(_mm256_round_pd(a, rounding | _MM_FROUND_NO_EXC));
+    if constexpr (Mode == 0) {
+      return _mm256_cvtpd_epi32(a);
+    } else {
+      constexpr int rounding = Mode == 1 ? _MM_FROUND_TO_NEG_INF : _MM_FROUND_TO_POS_INF;
+      return _mm256_cvttpd_epi32(_mm256_round_pd(a, rounding | _MM_FROUND_NO_EXC));
+    }
   }
   static Mask ge(V a, V b) { return _mm256_cmp_pd(a, b, _CMP_GE_OQ); }
   static Mask and_ge(Mask m, V a, V b) { return _mm256_and_pd(m, _mm256_cmp_pd(a, b, _CMP_GE_OQ)); }
