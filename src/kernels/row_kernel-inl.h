@@ -630,6 +630,22 @@ struct GroupKernel {
     return true;
   }
 
+  // An index in [0, n - 1] for a prefetch hint. Where Ops clamps
+  // coordinates (clamp_coord: into [0, bound], NaN to bound), d is clamped
+  // before it is rounded, in fewer instructions than the exact conversion
+  // where that is dear (four scalar conversions an axis for float64 on
+  // 32-byte vectors); inside the grid both give the same index.
+  template <Rounding R>
+  QZ_ALWAYS_INLINE static Index hint_index(V d, C bound, int32_t n) {
+    if constexpr (requires { Ops::clamp_coord(d, d); }) {
+      const V clamped = Ops::clamp_coord(d, Ops::set1(bound));
+      return Ops::min_index(Ops::template round_to_index_in_range<static_cast<int>(R)>(clamped),
+                            last_index(n));
+    } else {
+      return clamped_index<R>(d, n);
+    }
+  }
+
   // Asks for the grid lines a group at these coordinates will read (the
   // lower corner's line in each grid row, or the sample's), so that their
   // misses overlap with the work on the groups before it. The indices are
@@ -639,9 +655,10 @@ struct GroupKernel {
                                               const C* zs) {
     constexpr Rounding R = M == Method::nearest ? Rounding::nearest_even : Rounding::down;
     const Query q = load_query(xs, ys, zs);
-    const Index yz = Ops::add_index(Ops::mul_index(clamped_index<R>(q.dy, g.ny), g.stride1),
-                                    Ops::mul_index(clamped_index<R>(q.dz, g.nz), g.stride2));
-    const Index x = Ops::add_index(clamped_index<R>(q.dx, g.nx),
+    const Index yz =
+        Ops::add_index(Ops::mul_index(hint_index<R>(q.dy, g.bound_y, g.ny), g.stride1),
+                       Ops::mul_index(hint_index<R>(q.dz, g.bound_z, g.nz), g.stride2));
+    const Index x = Ops::add_index(hint_index<R>(q.dx, g.bound_x, g.nx),
                                    Ops::set1_index(static_cast<int32_t>(-g.origin)));
     alignas(64) int32_t offset[N];
     Ops::store_index(offset, Ops::add_index(yz, x));
