@@ -175,10 +175,12 @@ struct Ops256<float> {
 
   // Windows: eight consecutive samples by one load, handed out by permutes.
   // Trilinear rows read through them, but nearest rows only for 8-bit
-  // samples: one sample a lane costs eight scalar loads, fewer instructions
-  // than placing and checking two windows; on Zen 3 nearest rows without
-  // windows ran 1.0-1.4x as fast for 16- and 32-bit samples and 0.96-1.17x
-  // for 8-bit ones, whose scalar loads cost more to assemble.
+  // samples: a nearest group needs one sample a lane, and eight scalar
+  // loads, in about as many instructions, do not wait on the window path's
+  // chain of broadcasts, serve checks and cross-lane permutes. On Zen 3
+  // nearest rows without windows ran up to 1.46x as fast for 16- and
+  // 32-bit samples, and 0.96-1.17x for 8-bit ones, whose scalar loads cost
+  // more to assemble.
   static constexpr bool has_window_loads = true;
   template <class Sample>
   static constexpr bool nearest_window_reads = sizeof(Sample) == 1;
@@ -384,7 +386,7 @@ struct Ops256<double> {
 
   // Windows of four samples, for trilinear rows only: a nearest row's four
   // scalar loads cost far less than placing two windows and permuting
-  // 64-bit lanes (1.4-1.8x on Zen 3).
+  // 64-bit lanes (up to 1.8x on Zen 3).
   static constexpr bool has_window_loads = true;
   template <class Sample>
   static constexpr bool nearest_window_reads = false;
