@@ -796,8 +796,11 @@ template <class Wide, Method M, class Sample>
   }
 }
 
-// Full blocks [c, end) in wide groups.
-template <class Wide, Method M, class Sample, Fetch F>
+// Full blocks [c, end) in wide groups. Test builds count the groups where
+// the row's kernel set reads windows for the variant (SetReadsWindows; a
+// set may read some rows through other, narrower operations).
+template <class Wide, Method M, class Sample, Fetch F,
+          bool SetReadsWindows = reads_windows<Wide, M, Sample>()>
 inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_plan,
                                 const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end) {
   const Grid<Sample> g = grid;  // local copies, as in window_run
@@ -842,7 +845,7 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
     gather_run<Wide, M, Sample>(g, plan, r, c, stop, end);
     c = stop;
 #if defined(QZINTERP3D_KERNEL_PROBE)
-    if constexpr (reads_windows<Wide, M, Sample>()) {
+    if constexpr (SetReadsWindows) {
       note_window_groups(0, static_cast<uint64_t>((c - first) / Wide::lanes));
     }
 #endif
@@ -855,7 +858,7 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
 #if defined(QZINTERP3D_KERNEL_PROBE)
     // Where the set has windows but the row cannot use them, its groups
     // count as gathered.
-    if constexpr (reads_windows<Wide, M, Sample>()) {
+    if constexpr (SetReadsWindows) {
       note_window_groups(0, static_cast<uint64_t>((c - first) / Wide::lanes));
     }
 #endif
@@ -902,7 +905,8 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
         if constexpr (HasScalarLoadRowOps<Wide>) {
           if (scalar_loads) {
             c = wide_full_groups<typename ScalarLoadOps<Wide, M, Sample>::type, M, Sample,
-                                 Fetch::gathers>(g, plan, r, c, full_columns);
+                                 Fetch::gathers, reads_windows<Wide, M, Sample>()>(
+                g, plan, r, c, full_columns);
             break;
           }
         }

@@ -139,7 +139,7 @@ TEST(DispatchRule, TraitsMatchTheSystemsReport) {
 
 // Which variants of each set read coherent points through windows: the
 // 32-byte set reads nearest rows through them only for 8-bit samples (for
-// wider ones scalar loads cost fewer instructions), and trilinear rows of
+// wider ones scalar loads were faster), and trilinear rows of
 // every type; the 64-byte sets read every variant through them; the 16-byte
 // and portable sets have none. The flags come from the same constants the
 // row kernels branch on; tests/coherent_points_test.cpp checks, set by set,
