@@ -366,6 +366,49 @@ TYPED_TEST(CoherentPoints, OneRowCrossingPerGroupIsServedTwoAreGathered) {
   });
 }
 
+// Groups whose lanes lie within one window read only the window placed
+// for their first lane, in rows that check for it; the values must not
+// change. Along x within a grid row every method checks and every group is
+// read so. With a grid row crossed every 32 columns, trilinear rows still
+// check, and the groups across a crossing read both windows; nearest rows
+// do not check.
+TYPED_TEST(CoherentPoints, GroupsWithinOneWindowReadOnlyTheFirst) {
+  QZ_TEST_VARIANT_NAMES(TypeParam);
+  std::mt19937_64 rng(81);
+  const double o = 1.0 / 128;
+  const Ramp along_x{{3.25, 2 + 3 * o, 2 + 5 * o}, {0.125, 0, 0}};
+  // y passes a whole number inside a group of 4, 8 or 16 columns.
+  const Ramp crossing{{3.25, 2.09 + 3 * o, 2 + 5 * o}, {0.125, 1.0 / 32, 0}};
+  for_each_kernel_set([&] {
+    const WideGroups w = wide_groups_of_active_set<M, S>();
+    GuardedScene<M, S> g(padded(70, 6, 5), 64, 3);
+    fill_random(g.grid, rng);
+    for (const bool crosses : {false, true}) {
+      const Ramp& r = crosses ? crossing : along_x;
+      set_rows(g.scene, ramp_rows(r, {0.5, 0.75, 0.5}, 3));
+      ASSERT_TRUE(all_inside(g.scene)) << describe(r);
+      const qzinterp3d::WindowGroups before = qzinterp3d::window_groups();
+      expect_model(g.scene, -3.5, describe(r));
+      const qzinterp3d::WindowGroups after = qzinterp3d::window_groups();
+      const uint64_t served = after.served - before.served;
+      const uint64_t first_only = after.first_window_only - before.first_window_only;
+      if (w.lanes == 0) {
+        EXPECT_EQ(0u, first_only) << describe(r);
+        continue;
+      }
+      EXPECT_EQ(wide_groups_in(g.scene, w.lanes), served) << describe(r);
+      if (!crosses) {
+        EXPECT_EQ(served, first_only) << describe(r);
+      } else if (M == Method::nearest) {
+        EXPECT_EQ(0u, first_only) << describe(r);
+      } else {
+        EXPECT_GT(first_only, 0u) << describe(r);
+        EXPECT_LT(first_only, served) << describe(r);
+      }
+    }
+  });
+}
+
 TYPED_TEST(CoherentPoints, ScatteredPointsAreGathered) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
   std::mt19937_64 rng(73);

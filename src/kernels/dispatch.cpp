@@ -198,6 +198,7 @@ void note_row_run(const KernelSet& set) {
 namespace {
 std::atomic<uint64_t> g_window_groups_served{0}, g_window_groups_gathered{0};
 }
+std::atomic<uint64_t> g_first_window_only_groups{0};
 
 void note_window_groups(uint64_t served, uint64_t gathered) {
   g_window_groups_served.fetch_add(served, std::memory_order_relaxed);
@@ -205,7 +206,8 @@ void note_window_groups(uint64_t served, uint64_t gathered) {
 }
 
 WindowGroups window_groups() {
-  return {g_window_groups_served.load(), g_window_groups_gathered.load()};
+  return {g_window_groups_served.load(), g_window_groups_gathered.load(),
+          g_first_window_only_groups.load()};
 }
 
 uint64_t rows_run_by(const char* name) {

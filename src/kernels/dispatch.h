@@ -3,6 +3,7 @@
 // the CPU can run that set; every set gives the same bits.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 #include "kernels/kernel_set.h"
@@ -53,10 +54,13 @@ uint64_t rows_run_by(const char* name);
 // that were gathered instead (after windows fell short, while gathering was
 // preferred, or in rows whose grid cannot use windows), so a test can tell
 // which way coherent points were read.
+// Of the served ones, first_window_only counts those read through the
+// window placed for their first lane alone (one_window_first rows).
 struct WindowGroups {
-  uint64_t served, gathered;
+  uint64_t served, gathered, first_window_only;
 };
 void note_window_groups(uint64_t served, uint64_t gathered);
+extern std::atomic<uint64_t> g_first_window_only_groups;
 WindowGroups window_groups();
 #endif
 

@@ -135,6 +135,9 @@ struct RowPlan {
   // coordinate type is not above n - 1 (it can round up above 2^24 in
   // float): a point inside the grid then rounds to indices in [0, n - 1].
   bool bounds_exact = false;
+  // True when groups read through windows first check whether the window
+  // placed for their first lane serves them all (RowShape::one_window_first).
+  bool one_window_first = false;
 };
 
 template <class Sample>
@@ -165,7 +168,9 @@ inline bool windows_fit(RowPlan& plan, int32_t lanes) {
 // gathers for the lanes they miss).
 enum class Fetch : uint8_t { per_lane, gathers, windows };
 
-template <class Ops, class Sample, Fetch F>
+// OneWindowFirst: groups read through windows check whether the window
+// placed for their first lane serves every lane, and then read only it.
+template <class Ops, class Sample, Fetch F, bool OneWindowFirst = false>
 struct GroupKernel {
   static constexpr bool OffsetVectors = F != Fetch::per_lane;
   using C = typename Ops::Coord;
@@ -397,7 +402,8 @@ struct GroupKernel {
   // same way; only the way they are read differs. Two windows are placed
   // for the first and the last lane, so a run that crosses from one grid row
   // to the next within the group is served too; when lanes are left over
-  // the caller gathers the group instead.
+  // the caller gathers the group instead. When the first window serves
+  // every lane, the last one is not read.
   struct Windows {
     // A window starts this many samples before the offset it is placed for,
     // so that lanes on either side of that one fit.
@@ -410,6 +416,7 @@ struct GroupKernel {
       int32_t first_start, last_start;
       Index first_rel, last_rel;  // o less each start
       IndexMask from_last;        // lanes served by the last lane's window only
+      bool first_only;            // the first lane's window serves every lane
     };
 
     // False when some lane fits neither window; `reach` is how far past its
@@ -427,6 +434,7 @@ struct GroupKernel {
       // and starts are within 2^31 of each other).
       const IndexMask from_first = Ops::index_within(w.first_rel, N - 1 - reach);
       const IndexMask from_either = Ops::index_within(w.last_rel, N - 1 - reach);
+      w.first_only = Ops::bits(from_first) == all_lanes;
       if constexpr (requires { Ops::union_is_full(from_first, from_either); }) {
         w.from_last = Ops::mask_andnot(from_first, from_either);
         return Ops::union_is_full(from_first, from_either);
@@ -448,6 +456,19 @@ struct GroupKernel {
           Ops::template load_window<Sample>(span + (static_cast<uint32_t>(w.last_start) + delta));
       return Ops::permute_into(Ops::permute(first, first_rel), w.from_last, last, last_rel);
     }
+    static void note_first_window_only() {
+#if defined(QZINTERP3D_KERNEL_PROBE)
+      g_first_window_only_groups.fetch_add(1, std::memory_order_relaxed);
+#endif
+    }
+    // The same, where the first window serves every lane (first_only): the
+    // last window's load, permute and blend would change no lane.
+    QZ_ALWAYS_INLINE static V read_first(const Sample* span, const Pair& w, int64_t delta,
+                                         Index first_rel) {
+      return Ops::permute(
+          Ops::template load_window<Sample>(span + (static_cast<uint32_t>(w.first_start) + delta)),
+          first_rel);
+    }
 
     // One sample per lane at offsets o. False (and nothing read) when the
     // two windows do not serve every lane.
@@ -455,6 +476,13 @@ struct GroupKernel {
                                         V& value) {
       Pair w;
       if (!place(o, 0, plan.window_last_start, 0, w)) return false;
+      if constexpr (OneWindowFirst) {
+        if (w.first_only) {
+          value = read_first(g.host + plan.lo, w, 0, w.first_rel);
+          note_first_window_only();
+          return true;
+        }
+      }
       value = read(g.host + plan.lo, w, 0, w.first_rel, w.last_rel);
       return true;
     }
@@ -484,6 +512,18 @@ struct GroupKernel {
       if (!place(o, static_cast<int32_t>(lo), static_cast<int32_t>(hi), 1, w)) return false;
       const Sample* span = g.host + plan.lo;
       const Index first_upper = Ops::add_index(w.first_rel, step);
+      if (OneWindowFirst && w.first_only) {  // eight reads saved
+        c.v000 = read_first(span, w, 0, w.first_rel);
+        c.v100 = read_first(span, w, 0, first_upper);
+        c.v010 = read_first(span, w, dy, w.first_rel);
+        c.v110 = read_first(span, w, dy, first_upper);
+        c.v001 = read_first(span, w, dz, w.first_rel);
+        c.v101 = read_first(span, w, dz, first_upper);
+        c.v011 = read_first(span, w, dy + dz, w.first_rel);
+        c.v111 = read_first(span, w, dy + dz, first_upper);
+        note_first_window_only();
+        return true;
+      }
       const Index last_upper = Ops::add_index(w.last_rel, step);
       c.v000 = read(span, w, 0, w.first_rel, w.last_rel);
       c.v100 = read(span, w, 0, first_upper, last_upper);
@@ -681,11 +721,11 @@ struct GroupKernel {
 // One group of Ops::lanes columns of a block of the given kind. Returns
 // false, having written nothing, when windows do not serve it.
 template <class Ops, Method M, class Sample, BlockKind Kind, bool FirstGroup,
-          Fetch F = Fetch::per_lane>
+          Fetch F = Fetch::per_lane, bool OneWindowFirst = false>
 QZ_ALWAYS_INLINE bool compute_group(const Grid<Sample>& g, const RowPlan& plan,
                                     const CoordOf<Sample>* xs, const CoordOf<Sample>* ys,
                                     const CoordOf<Sample>* zs, CoordOf<Sample>* out) {
-  using Kernel = GroupKernel<Ops, Sample, F>;
+  using Kernel = GroupKernel<Ops, Sample, F, OneWindowFirst>;
   if constexpr (M == Method::nearest) {
     return Kernel::nearest(g, plan, xs, ys, zs, out);
   } else {
@@ -747,7 +787,7 @@ concept GathersInLine = Ops::vector_registers >= 32;
 // came close after the last. Kept out of line and free of calls, so that
 // its constants stay in registers for the whole run: a call, even on the
 // rare path, would clobber them all in every group.
-template <class Wide, Method M, class Sample>
+template <class Wide, Method M, class Sample, bool OneWindowFirst>
 [[gnu::noinline]] int64_t window_run(const Grid<Sample>& grid, const RowPlan& row_plan,
                                      const RowSpan<CoordOf<Sample>>& span, int64_t c, int64_t end,
                                      Shortfalls& shortfalls) {
@@ -757,7 +797,7 @@ template <class Wide, Method M, class Sample>
   const RowPlan plan = row_plan;
   const RowSpan<CoordOf<Sample>> r = span;
   for (; c + Wide::lanes <= end; c += Wide::lanes) {
-    if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows>(
+    if (compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::windows, OneWindowFirst>(
             g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c)) [[likely]] {
       continue;
     }
@@ -813,7 +853,10 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
     [[maybe_unused]] const int64_t first = c;
     [[maybe_unused]] uint64_t gathered = 0;  // by gather_run, then in all
     while (c + Wide::lanes <= end) {
-      c = window_run<Wide, M, Sample>(g, plan, r, c, end, shortfalls);
+      // Rows where the check would often fail leave it out of the loop.
+      c = plan.one_window_first
+              ? window_run<Wide, M, Sample, true>(g, plan, r, c, end, shortfalls)
+              : window_run<Wide, M, Sample, false>(g, plan, r, c, end, shortfalls);
       int64_t groups = gather_run_groups;
       if constexpr (!GathersInLine<Wide>) {
         // Stopped at a group the windows did not serve, or at the end.
@@ -889,6 +932,7 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
     bool scalar_loads = false;
     if (offsets_fit_in_32_bits(g, plan)) {
       const RowShape shape = row_shape(g, r, full_columns, Wide::lanes);
+      plan.one_window_first = shape.one_window_first(M);
       const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
       plan.prefetch = shape.prefetches(M, int64_t{sizeof(Sample)}, grid_bytes);
       fetch = reads_windows<Wide, M, Sample>() && shape.window_reads(M, plan.prefetch) &&

@@ -175,6 +175,38 @@ TEST(RowShape, NearestOverEightByteSamplesAsksAtTheTrilinearLimitAndIsGathered) 
   EXPECT_FALSE(none.window_reads(Method::bilinear, false));
 }
 
+TEST(RowShape, GroupsCheckForOneWindowWhereTheirLanesSpanHalfAWindow) {
+  // Sixteen lanes: half a window is 7 samples along x.
+  const double along_x[3] = {0.25, 0, 0};  // 3.75 samples a group
+  const RowShape a = shape_of<float>(64, along_x);
+  EXPECT_TRUE(a.within_half_window);
+  EXPECT_TRUE(a.rows_rarely_crossed);
+  EXPECT_TRUE(a.one_window_first(Method::nearest));
+  EXPECT_TRUE(a.one_window_first(Method::bilinear));
+  // A grid row crossed every 32 columns, about once in two groups:
+  // trilinear rows still check, nearest rows do not.
+  const double crossing[3] = {0.25, 1.0 / 32, 0};
+  const RowShape c = shape_of<float>(64, crossing);
+  EXPECT_TRUE(c.within_half_window);
+  EXPECT_FALSE(c.rows_rarely_crossed);
+  EXPECT_FALSE(c.one_window_first(Method::nearest));
+  EXPECT_TRUE(c.one_window_first(Method::bilinear));
+  // Once in 16 groups is still rare; z counts as y does.
+  const double rare[3] = {0.25, 0, 1.0 / 256};
+  EXPECT_TRUE(shape_of<float>(64, rare).one_window_first(Method::nearest));
+  // Lanes spanning more than half a window: neither checks.
+  const double wide[3] = {0.5, 0, 0};  // 7.5 samples a group
+  const RowShape w = shape_of<float>(64, wide);
+  EXPECT_FALSE(w.within_half_window);
+  EXPECT_FALSE(w.one_window_first(Method::nearest));
+  EXPECT_FALSE(w.one_window_first(Method::bilinear));
+  // Eight double lanes: half a window is 3 samples.
+  const double doubles[3] = {0.5, 0, 0};  // 3.5 samples a group
+  EXPECT_FALSE(shape_of<double>(64, doubles).within_half_window);
+  const double closer[3] = {0.375, 0, 0};  // 2.625
+  EXPECT_TRUE(shape_of<double>(64, closer).within_half_window);
+}
+
 TEST(RowShape, NearestOverSamplesUpToFourBytesBetweenTheLimitsUsesScalarLoads) {
   // 0.123 planes a point (a plane at 45 degrees through 256^3): at or above
   // trilinear's limit, below nearest's.
