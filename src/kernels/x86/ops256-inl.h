@@ -73,7 +73,7 @@ struct Ops256<float> {
     _mm256_store_si256(reinterpret_cast<__m256i*>(p), i);
   }
   // uint32 to float with one rounding, as Ops128::unsigned_to_coord.
-  static V unsigned_to_coord(__m256i u) {
+  [[gnu::always_inline]] static V unsigned_to_coord(__m256i u) {
     const __m256 high =
         _mm256_mul_ps(_mm256_cvtepi32_ps(_mm256_srli_epi32(u, 16)), _mm256_set1_ps(65536.0f));
     const __m256 low = _mm256_cvtepi32_ps(_mm256_and_si256(u, _mm256_set1_epi32(0xFFFF)));
@@ -213,9 +213,11 @@ struct Ops256<float> {
     return _mm256_cmpeq_epi32(_mm256_max_epu32(rel, m), m);
   }
   // Exactly eight samples are read (8 bytes for 8-bit ones), converted as
-  // the scalar reads are.
+  // the scalar reads are. Always inlined: a trilinear group reads up to
+  // sixteen windows, and with that many call sites GCC left the uint32 one
+  // out of line (0.88-0.95x).
   template <class Sample>
-  static V load_window(const Sample* p) {
+  [[gnu::always_inline]] static V load_window(const Sample* p) {
     if constexpr (sizeof(Sample) == 4) {
       return convert_words<Sample>(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(p)));
     } else if constexpr (sizeof(Sample) == 2) {
@@ -235,7 +237,7 @@ struct Ops256<float> {
 
   // 32-bit samples as read, converted.
   template <class Sample>
-  static V convert_words(__m256i v) {
+  [[gnu::always_inline]] static V convert_words(__m256i v) {
     if constexpr (std::is_same_v<Sample, float>) {
       return _mm256_castsi256_ps(v);
     } else if constexpr (std::is_same_v<Sample, uint32_t>) {
