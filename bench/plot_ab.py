@@ -3,9 +3,8 @@
 
 Each panel is one table of a results file: the table that follows the first
 comment line ("# ...") containing SECTION. The chart shows, per case, the
-ratio in column COLUMN (default: the first ratio column, the new build over
-the base) beside the last column (a second copy of the base build: the
-spread of identical code).
+first ratio column (the new build over the base) beside the last column (a
+second copy of the base build: the spread of identical code).
 
     /usr/bin/python3 bench/plot_ab.py --out docs/images/zen3-one-window/ab-one-thread.png \\
         --title "..." "trilinear=bench/results/ab-one-window-zen3.txt:Trilinear with cf9420d" \\
