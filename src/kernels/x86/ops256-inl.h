@@ -261,6 +261,22 @@ struct Ops256<float> {
   static V from_lanes(const Sample* b, const Offset* o) {
     if constexpr (std::is_same_v<Sample, float>) {
       return _mm256_setr_ps(b[o[0]], b[o[1]], b[o[2]], b[o[3]], b[o[4]], b[o[5]], b[o[6]], b[o[7]]);
+    } else if constexpr (sizeof(Sample) == 1) {
+      // Each byte inserted into one vector, then extended by its type: GCC
+      // builds eight zero-extended bytes as one 64-bit word, by a chain of
+      // fourteen dependent shifts and ors (Zen 3: nearest rows 1.05-1.17x,
+      // trilinear slices along y 1.11-1.23x faster inserted). Inserting
+      // 16-bit samples ran trilinear slices along y 0.6-0.8x as fast.
+      __m128i v = _mm_cvtsi32_si128(static_cast<uint8_t>(b[o[0]]));
+      v = _mm_insert_epi8(v, static_cast<uint8_t>(b[o[1]]), 1);
+      v = _mm_insert_epi8(v, static_cast<uint8_t>(b[o[2]]), 2);
+      v = _mm_insert_epi8(v, static_cast<uint8_t>(b[o[3]]), 3);
+      v = _mm_insert_epi8(v, static_cast<uint8_t>(b[o[4]]), 4);
+      v = _mm_insert_epi8(v, static_cast<uint8_t>(b[o[5]]), 5);
+      v = _mm_insert_epi8(v, static_cast<uint8_t>(b[o[6]]), 6);
+      v = _mm_insert_epi8(v, static_cast<uint8_t>(b[o[7]]), 7);
+      return _mm256_cvtepi32_ps(std::is_signed_v<Sample> ? _mm256_cvtepi8_epi32(v)
+                                                         : _mm256_cvtepu8_epi32(v));
     } else {
       const __m256i v = _mm256_setr_epi32(static_cast<int>(b[o[0]]), static_cast<int>(b[o[1]]),
                                           static_cast<int>(b[o[2]]), static_cast<int>(b[o[3]]),
