@@ -3,8 +3,9 @@
 
 Each panel is one table of a results file: the table that follows the first
 comment line ("# ...") containing SECTION. The chart shows, per case, the
-first ratio column (the new build over the base) beside the last column (a
-second copy of the base build: the spread of identical code).
+first ratio column (the new build over the base) beside a second copy of the
+base build (the last column named base... or head..., else the last column:
+the spread of identical code).
 
     /usr/bin/python3 bench/plot_ab.py --out docs/images/zen3-one-window/ab-one-thread.png \\
         --title "..." "trilinear=bench/results/ab-one-window-zen3.txt:Trilinear with cf9420d" \\
@@ -49,11 +50,16 @@ def main():
         title, rest = panel.split("=", 1)
         path, section = rest.split(":", 1)
         header, rows = read_table(path, section)
-        labels = [f"{r[1]} {r[2]} {r[3]}^3" for r in rows]
+        both_methods = len({r[0] for r in rows}) > 1
+        labels = [("trilinear " if both_methods and r[0] == "bilinear" else "") + f"{r[1]} {r[2]} {r[3]}^3"
+                  for r in rows]
+        # The old build's second copy: the last column named base... or head...
+        copies = [i for i in range(6, len(header)) if header[i].startswith(("base", "head"))]
+        noise_column = copies[-1] if copies else len(header) - 1
         new = [float(r[5]) for r in rows]
-        noise = [float(r[-1]) for r in rows]
+        noise = [float(r[noise_column]) for r in rows]
         ys = range(len(rows))
-        names = header[5], header[-1]
+        names = header[5], header[noise_column]
         ax.barh([y + 0.2 for y in ys], new, height=0.4, color="tab:blue", label=f"{names[0]} / {header[4]}")
         ax.barh([y - 0.2 for y in ys], noise, height=0.4, color="tab:gray",
                 label=f"{names[1]} / {header[4]} (same code: the noise)")
@@ -61,7 +67,7 @@ def main():
         ax.set_yticks(list(ys))
         ax.set_yticklabels(labels, fontsize=7)
         ax.invert_yaxis()
-        ax.set_xlim(0.8, 1.45)
+        ax.set_xlim(min(0.8, min(new + noise) - 0.05), 1.45)
         ax.set_title(title)
         ax.set_xlabel("speed ratio, one process")
         ax.legend(fontsize=7, loc="lower right")
