@@ -341,7 +341,7 @@ struct GroupKernel {
         return Windows::sample(g, plan, Windows::from_lo(g, plan, yz, ix), value);
       } else {
         const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
-        value = gather_sample(g, row, ix);
+        value = gather_nearest_sample(g, row, ix);
         return true;
       }
     } else {
@@ -366,6 +366,16 @@ struct GroupKernel {
       return Ops::template gather_narrow_singles<Sample>(g.host, Ops::add_index(row, ix), ix, g.nx);
     } else {
       return Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
+    }
+  }
+
+  // A nearest group's samples: by the set's own reads of single samples
+  // where it has them (gather_singles), else as gather_sample.
+  static inline V gather_nearest_sample(const Grid<Sample>& g, Index row, Index ix) {
+    if constexpr (requires { Ops::template gather_singles<Sample>(g.host, ix); }) {
+      return Ops::template gather_singles<Sample>(g.host, Ops::add_index(row, ix));
+    } else {
+      return gather_sample(g, row, ix);
     }
   }
 

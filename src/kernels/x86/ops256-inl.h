@@ -97,6 +97,31 @@ struct Ops256<float> {
     return from_lanes(b, o);
   }
 
+  // The single samples of a nearest group: 16-bit ones inserted into one
+  // vector and extended together, as from_lanes does 8-bit ones (Zen 3:
+  // planes, deformed grids and random points in cache 1.02-1.13x faster).
+  // Trilinear groups that read straddled pairs singly keep gather_offsets:
+  // inserted 16-bit samples ran them 0.6-0.8x as fast.
+  template <class Sample>
+  static V gather_singles(const Sample* b, Index offsets) {
+    if constexpr (sizeof(Sample) == 2) {
+      alignas(32) int32_t o[8];
+      _mm256_store_si256(reinterpret_cast<__m256i*>(o), offsets);
+      __m128i v = _mm_cvtsi32_si128(static_cast<uint16_t>(b[o[0]]));
+      v = _mm_insert_epi16(v, static_cast<uint16_t>(b[o[1]]), 1);
+      v = _mm_insert_epi16(v, static_cast<uint16_t>(b[o[2]]), 2);
+      v = _mm_insert_epi16(v, static_cast<uint16_t>(b[o[3]]), 3);
+      v = _mm_insert_epi16(v, static_cast<uint16_t>(b[o[4]]), 4);
+      v = _mm_insert_epi16(v, static_cast<uint16_t>(b[o[5]]), 5);
+      v = _mm_insert_epi16(v, static_cast<uint16_t>(b[o[6]]), 6);
+      v = _mm_insert_epi16(v, static_cast<uint16_t>(b[o[7]]), 7);
+      return _mm256_cvtepi32_ps(std::is_signed_v<Sample> ? _mm256_cvtepi16_epi32(v)
+                                                         : _mm256_cvtepu16_epi32(v));
+    } else {
+      return gather_offsets(b, offsets);
+    }
+  }
+
   // Lane masks on offsets: only the sign bit of a lane counts (movemask,
   // blendv), so a mask made from bits may leave the other bits unset.
   using IndexMask = __m256i;
