@@ -16,7 +16,9 @@
 //   add_index, mul_index(i, scalar), set1_index and
 //   gather_offsets<Sample>(base, Index offsets), used when every offset of
 //   the grid fits in 31 bits (offsets_fit_in_32_bits), where 32-bit
-//   arithmetic gives the same offsets as 64-bit arithmetic.
+//   arithmetic gives the same offsets as 64-bit arithmetic. Offsets handed
+//   to the reads count from the low end of the grid's offset span and are
+//   never negative: a set may read them as unsigned.
 // Optionally (has_x_pair_gather), gather_x_pairs<Sample>(base, offsets, p,
 //   nx, first, second): the samples at offsets and offsets + 1 of each lane,
 //   where p is the lane's x index (0 <= p <= nx - 2), so both lie in the row.
@@ -340,8 +342,8 @@ struct GroupKernel {
       if constexpr (F == Fetch::windows) {
         return Windows::sample(g, plan, Windows::from_lo(g, plan, yz, ix), value);
       } else {
-        const Index row = Ops::add_index(yz, Ops::set1_index(static_cast<int32_t>(-g.origin)));
-        value = gather_nearest_sample(g, row, ix);
+        value = gather_nearest_sample(g, span_base(g, plan),
+                                      Ops::add_index(yz, span_origin(g, plan)), ix);
         return true;
       }
     } else {
@@ -360,32 +362,45 @@ struct GroupKernel {
     }
   }
 
-  // The sample at row + ix of each lane, by gathering (offset vectors).
-  static inline V gather_sample(const Grid<Sample>& g, Index row, Index ix) {
+  // Gathered groups count offsets from the low end of the grid's offset
+  // span, as windows do: never negative, so a set that reads lane by lane
+  // widens them to 64 bits for free.
+  QZ_ALWAYS_INLINE static const Sample* span_base(const Grid<Sample>& g, const RowPlan& plan) {
+    return g.host + plan.lo;
+  }
+  // The offset of the sample at index 0 on every axis, from that end
+  // (-origin - lo lies in [0, hi - lo]).
+  QZ_ALWAYS_INLINE static Index span_origin(const Grid<Sample>& g, const RowPlan& plan) {
+    return Ops::set1_index(static_cast<int32_t>(-g.origin - plan.lo));
+  }
+
+  // The sample at base + row + ix of each lane, by gathering (offset vectors).
+  static inline V gather_sample(const Grid<Sample>& g, const Sample* base, Index row, Index ix) {
     if constexpr (GathersNarrowSingles<Ops> && sizeof(Sample) < 4) {
-      return Ops::template gather_narrow_singles<Sample>(g.host, Ops::add_index(row, ix), ix, g.nx);
+      return Ops::template gather_narrow_singles<Sample>(base, Ops::add_index(row, ix), ix, g.nx);
     } else {
-      return Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix));
+      return Ops::template gather_offsets<Sample>(base, Ops::add_index(row, ix));
     }
   }
 
   // A nearest group's samples: by the set's own reads of single samples
   // where it has them (gather_singles), else as gather_sample.
-  static inline V gather_nearest_sample(const Grid<Sample>& g, Index row, Index ix) {
-    if constexpr (requires { Ops::template gather_singles<Sample>(g.host, ix); }) {
-      return Ops::template gather_singles<Sample>(g.host, Ops::add_index(row, ix));
+  static inline V gather_nearest_sample(const Grid<Sample>& g, const Sample* base, Index row,
+                                        Index ix) {
+    if constexpr (requires { Ops::template gather_singles<Sample>(base, ix); }) {
+      return Ops::template gather_singles<Sample>(base, Ops::add_index(row, ix));
     } else {
-      return gather_sample(g, row, ix);
+      return gather_sample(g, base, row, ix);
     }
   }
 
-  // The samples at row + ix0 and row + ix1 of each lane, by gathering:
-  // as pairs unless `singly` (see corners_by_gathers).
-  static inline void gather_pair(const Grid<Sample>& g, Index row, Index ix0, Index ix1, V& lower,
-                                 V& upper, bool singly = false) {
+  // The samples at base + row + ix0 and base + row + ix1 of each lane, by
+  // gathering: as pairs unless `singly` (see corners_by_gathers).
+  static inline void gather_pair(const Grid<Sample>& g, const Sample* base, Index row, Index ix0,
+                                 Index ix1, V& lower, V& upper, bool singly = false) {
     if (singly) {
-      lower = gather_sample(g, row, ix0);
-      upper = gather_sample(g, row, ix1);
+      lower = gather_sample(g, base, row, ix0);
+      upper = gather_sample(g, base, row, ix1);
       return;
     }
     if constexpr (HasXPairGather<Ops>) {
@@ -394,12 +409,12 @@ struct GroupKernel {
       // nx > W >= 2), so every read stays in the row.
       const Index p = Ops::min_index(ix0, last_index(g.nx) - 1);
       V first, second;
-      Ops::template gather_x_pairs<Sample>(g.host, Ops::add_index(row, p), p, g.nx, first, second);
+      Ops::template gather_x_pairs<Sample>(base, Ops::add_index(row, p), p, g.nx, first, second);
       lower = Ops::select_by_index_mask(Ops::index_gt(ix0, p), second, first);
       upper = Ops::select_by_index_mask(Ops::index_gt(ix1, p), second, first);
     } else {
-      lower = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix0));
-      upper = Ops::template gather_offsets<Sample>(g.host, Ops::add_index(row, ix1));
+      lower = Ops::template gather_offsets<Sample>(base, Ops::add_index(row, ix0));
+      upper = Ops::template gather_offsets<Sample>(base, Ops::add_index(row, ix1));
     }
   }
 
@@ -577,15 +592,17 @@ struct GroupKernel {
       }
       return false;
     } else {
-      c = corners_by_gathers(g, ix0, ix1, iy0, iy1, iz0, iz1);
+      c = corners_by_gathers(g, plan, ix0, ix1, iy0, iy1, iz0, iz1);
       return true;
     }
   }
 
-  QZ_ALWAYS_INLINE static Corners corners_by_gathers(const Grid<Sample>& g, Index ix0, Index ix1,
-                                                     Index iy0, Index iy1, Index iz0, Index iz1) {
+  QZ_ALWAYS_INLINE static Corners corners_by_gathers(const Grid<Sample>& g, const RowPlan& plan,
+                                                     Index ix0, Index ix1, Index iy0, Index iy1,
+                                                     Index iz0, Index iz1) {
     // The y and z parts of the offsets are shared by both x corners.
-    const Index origin = Ops::set1_index(static_cast<int32_t>(-g.origin));
+    const Sample* base = span_base(g, plan);
+    const Index origin = span_origin(g, plan);
     const Index ylo = Ops::mul_index(iy0, g.stride1), yhi = Ops::mul_index(iy1, g.stride1);
     const Index zlo = Ops::add_index(Ops::mul_index(iz0, g.stride2), origin);
     const Index zhi = Ops::add_index(Ops::mul_index(iz1, g.stride2), origin);
@@ -599,14 +616,14 @@ struct GroupKernel {
     bool singly = false;
     if constexpr (ChecksStraddledPairs<Ops>) {
       singly = Ops::template pairs_straddle_lines<Sample>(
-          g.host,
+          base,
           Ops::add_index(Ops::add_index(ylo, zlo), Ops::min_index(ix0, last_index(g.nx) - 1)));
     }
     Corners c;
-    gather_pair(g, Ops::add_index(ylo, zlo), ix0, ix1, c.v000, c.v100, singly);
-    gather_pair(g, Ops::add_index(yhi, zlo), ix0, ix1, c.v010, c.v110, singly);
-    gather_pair(g, Ops::add_index(ylo, zhi), ix0, ix1, c.v001, c.v101, singly);
-    gather_pair(g, Ops::add_index(yhi, zhi), ix0, ix1, c.v011, c.v111, singly);
+    gather_pair(g, base, Ops::add_index(ylo, zlo), ix0, ix1, c.v000, c.v100, singly);
+    gather_pair(g, base, Ops::add_index(yhi, zlo), ix0, ix1, c.v010, c.v110, singly);
+    gather_pair(g, base, Ops::add_index(ylo, zhi), ix0, ix1, c.v001, c.v101, singly);
+    gather_pair(g, base, Ops::add_index(yhi, zhi), ix0, ix1, c.v011, c.v111, singly);
     return c;
   }
 
@@ -706,23 +723,23 @@ struct GroupKernel {
   // misses overlap with the work on the groups before it. The indices are
   // clamped, so every address lies in the grid.
   template <Method M>
-  QZ_ALWAYS_INLINE static void prefetch_group(const Grid<Sample>& g, const C* xs, const C* ys,
-                                              const C* zs) {
+  QZ_ALWAYS_INLINE static void prefetch_group(const Grid<Sample>& g, const RowPlan& plan,
+                                              const C* xs, const C* ys, const C* zs) {
     constexpr Rounding R = M == Method::nearest ? Rounding::nearest_even : Rounding::down;
     const Query q = load_query(xs, ys, zs);
     const Index yz =
         Ops::add_index(Ops::mul_index(hint_index<R>(q.dy, g.bound_y, g.ny), g.stride1),
                        Ops::mul_index(hint_index<R>(q.dz, g.bound_z, g.nz), g.stride2));
-    const Index x = Ops::add_index(hint_index<R>(q.dx, g.bound_x, g.nx),
-                                   Ops::set1_index(static_cast<int32_t>(-g.origin)));
+    const Index x = Ops::add_index(hint_index<R>(q.dx, g.bound_x, g.nx), span_origin(g, plan));
     alignas(64) int32_t offset[N];
     Ops::store_index(offset, Ops::add_index(yz, x));
+    const Sample* base = span_base(g, plan);
     // The upper rows' lines by address arithmetic: past the grid's last row
     // they are only hints.
     const uintptr_t y_step = static_cast<uintptr_t>(int64_t{g.stride1} * int64_t{sizeof(Sample)});
     const uintptr_t z_step = static_cast<uintptr_t>(int64_t{g.stride2} * int64_t{sizeof(Sample)});
     for (int l = 0; l < N; ++l) {
-      const uintptr_t at = reinterpret_cast<uintptr_t>(g.host + offset[l]);
+      const uintptr_t at = reinterpret_cast<uintptr_t>(base + static_cast<uint32_t>(offset[l]));
       __builtin_prefetch(reinterpret_cast<const void*>(at), 0, 3);
       if constexpr (M == Method::bilinear) {
         __builtin_prefetch(reinterpret_cast<const void*>(at + y_step), 0, 3);
@@ -844,7 +861,7 @@ template <class Wide, Method M, class Sample>
   for (; c + Wide::lanes <= stop; c += Wide::lanes) {
     if (plan.prefetch && c + ahead + Wide::lanes <= end) {
       GroupKernel<Wide, Sample, Fetch::gathers>::template prefetch_group<M>(
-          g, r.xq + c + ahead, r.yq + c + ahead, r.zq + c + ahead);
+          g, plan, r.xq + c + ahead, r.yq + c + ahead, r.zq + c + ahead);
     }
     compute_group<Wide, M, Sample, BlockKind::full, false, Fetch::gathers>(
         g, plan, r.xq + c, r.yq + c, r.zq + c, r.vq + c);

@@ -111,8 +111,8 @@ struct NeonOps<float> {
   static Index set1_index(int32_t v) { return vdupq_n_s32(v); }
   template <class Sample>
   static V gather_offsets(const Sample* b, Index offsets) {
-    alignas(16) int32_t o[4];
-    vst1q_s32(o, offsets);
+    alignas(16) uint32_t o[4];
+    vst1q_u32(o, vreinterpretq_u32_s32(offsets));
     return float_lanes(b, o);
   }
 
@@ -128,8 +128,8 @@ struct NeonOps<float> {
   template <class Sample>
   static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
                              V& second) {
-    alignas(16) int32_t o[4];
-    vst1q_s32(o, offsets);
+    alignas(16) uint32_t o[4];
+    vst1q_u32(o, vreinterpretq_u32_s32(offsets));
     if constexpr (sizeof(Sample) == 4) {
       // Lane pairs side by side, then the even and odd words apart.
       auto pair = [&](int l) {

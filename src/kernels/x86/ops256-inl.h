@@ -89,10 +89,12 @@ struct Ops256<float> {
   // microcode mitigation) gathers are slower than eight scalar loads; on
   // Zen 3 they were level on nearest and up to 11% slower on trilinear.
   // Even on a CPU with fast gathers they won only on scattered points,
-  // where reading x pairs with scalar loads wins more.
+  // where reading x pairs with scalar loads wins more. Offsets are never
+  // negative, and read as unsigned they need no sign extension (nearest in
+  // cache, Zen 3: 1.03-1.09x).
   template <class Sample>
   static V gather_offsets(const Sample* b, Index offsets) {
-    alignas(32) int32_t o[8];
+    alignas(32) uint32_t o[8];
     _mm256_store_si256(reinterpret_cast<__m256i*>(o), offsets);
     return from_lanes(b, o);
   }
@@ -105,7 +107,7 @@ struct Ops256<float> {
   template <class Sample>
   static V gather_singles(const Sample* b, Index offsets) {
     if constexpr (sizeof(Sample) == 2) {
-      alignas(32) int32_t o[8];
+      alignas(32) uint32_t o[8];
       _mm256_store_si256(reinterpret_cast<__m256i*>(o), offsets);
       return inserted_lanes(b, o);
     } else {
@@ -147,7 +149,7 @@ struct Ops256<float> {
   template <class Sample>
   static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
                              V& second) {
-    alignas(32) int32_t o[8];
+    alignas(32) uint32_t o[8];
     _mm256_store_si256(reinterpret_cast<__m256i*>(o), offsets);
     if constexpr (sizeof(Sample) == 4) {
       // Lanes l and m as two 64-bit pairs, then even and odd words apart.
@@ -397,7 +399,7 @@ struct Ops256<double> {
   static Index set1_index(int32_t v) { return _mm_set1_epi32(v); }
   template <class Sample>
   static V gather_offsets(const Sample* b, Index offsets) {
-    alignas(16) int32_t o[4];
+    alignas(16) uint32_t o[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(o), offsets);
     return from_lanes(b, o);
   }
@@ -432,7 +434,7 @@ struct Ops256<double> {
   static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
                              V& second) {
     static_assert(std::is_same_v<Sample, double>, "double coordinates go with double samples");
-    alignas(16) int32_t o[4];
+    alignas(16) uint32_t o[4];
     _mm_store_si128(reinterpret_cast<__m128i*>(o), offsets);
     auto pairs = [&](int l, int m) {
       return _mm256_insertf128_pd(_mm256_castpd128_pd256(_mm_loadu_pd(b + o[l])),

@@ -100,7 +100,7 @@ struct Ops512<float> {
     if constexpr (sizeof(Sample) == 4) {
       return convert_words<Sample>(_mm512_i32gather_epi32(offsets, b, 4));
     } else {
-      alignas(64) int32_t o[16];
+      alignas(64) uint32_t o[16];
       _mm512_store_si512(o, offsets);
       return from_lanes(b, o);
     }
@@ -412,16 +412,16 @@ struct Ops512Loads : Ops512<C> {
 
   template <class Sample>
   static V gather_offsets(const Sample* b, Index offsets) {
-    alignas(64) int32_t o[Base::lanes];
-    Base::store_index(o, offsets);
+    alignas(64) uint32_t o[Base::lanes];
+    Base::store_index(reinterpret_cast<int32_t*>(o), offsets);
     return Base::from_lanes(b, o);
   }
 
   template <class Sample>
   static void gather_x_pairs(const Sample* b, Index offsets, Index /*p*/, int32_t /*nx*/, V& first,
                              V& second) requires(std::is_same_v<C, float>) {
-    alignas(64) int32_t o[16];
-    Base::store_index(o, offsets);
+    alignas(64) uint32_t o[16];
+    Base::store_index(reinterpret_cast<int32_t*>(o), offsets);
     if constexpr (sizeof(Sample) == 4) {
       // Lanes l and l + 1 as two 64-bit pairs, then even and odd words apart.
       auto pairs = [&](int l) {
