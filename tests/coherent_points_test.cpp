@@ -17,11 +17,9 @@
 #include <random>
 #include <string>
 #include <type_traits>
-#include <utility>
 #include <vector>
 
 #include "kernels/dispatch.h"
-#include "kernels/row_shape.h"
 #include "support/kernel_sets.h"
 #include "support/random_inputs.h"
 #include "support/scene.h"
@@ -229,8 +227,8 @@ enum class Reading { windows, gathers };
 
 // How the active kernel set reads one variant's wide groups.
 struct WideGroups {
-  qzinterp3d::WindowRows rows;  // the coherent rows the set reads through windows
-  int lanes;  // columns per wide group when it reads any for this variant, else 0
+  bool windows;  // the set reads coherent points through windows
+  int lanes;     // columns per wide group when it does for this variant, else 0
 };
 
 // Seen through the probe: a row of 64 coherent full-block columns is
@@ -238,7 +236,7 @@ struct WideGroups {
 // set that reads them for the variant; double coordinates may not.
 template <Method M, class S>
 WideGroups wide_groups_of_active_set() {
-  WideGroups w{qzinterp3d::active_kernel_set().window_rows<M, S>(), 0};
+  WideGroups w{qzinterp3d::active_kernel_set().reads_windows<M, S>(), 0};
   GuardedScene<M, S> g(padded(40, 6, 5), 64, 1);
   std::mt19937_64 rng(1);
   fill_random(g.grid, rng);
@@ -252,7 +250,7 @@ WideGroups wide_groups_of_active_set() {
   EXPECT_EQ("", g.scene.mismatches_with_model(0.0));
   const qzinterp3d::WindowGroups after = qzinterp3d::window_groups();
   const uint64_t counted = (after.served - before.served) + (after.gathered - before.gathered);
-  if (w.rows == qzinterp3d::WindowRows::none) {
+  if (!w.windows) {
     EXPECT_EQ(0u, counted) << "a kernel set without windows for the variant counted groups";
   } else if (counted > 0) {
     EXPECT_EQ(0u, 64 % counted) << counted << " groups in 64 columns";
@@ -273,40 +271,20 @@ uint64_t wide_groups_in(Scene<M, S>& scene, int lanes) {
   return static_cast<uint64_t>(s.height) * static_cast<uint64_t>(s.width / W * W / lanes);
 }
 
-// Runs `body`, the scene's call, and checks how its wide groups were read,
-// row by row (`per_row`): every group of a row served by windows, or every
-// one gathered; not one counted where the set has no windows for the
-// variant.
+// Runs `body`, the scene's call, and checks how its wide groups were read:
+// every one served by windows, or every one gathered; not one counted where
+// the set has no windows for the variant.
 template <Method M, class S, class Body>
-void expect_reading(const std::vector<Reading>& per_row, const WideGroups& w, Scene<M, S>& scene,
-                    Body&& body) {
+void expect_reading(Reading expected, const WideGroups& w, Scene<M, S>& scene, Body&& body) {
   const qzinterp3d::WindowGroups before = qzinterp3d::window_groups();
   body();
   const qzinterp3d::WindowGroups after = qzinterp3d::window_groups();
   const uint64_t served = after.served - before.served;
   const uint64_t gathered = after.gathered - before.gathered;
   const uint64_t groups = wide_groups_in(scene, w.lanes);
-  const uint64_t windowed_rows =
-      static_cast<uint64_t>(std::count(per_row.begin(), per_row.end(), Reading::windows));
-  const uint64_t expected_served = groups / per_row.size() * windowed_rows;
-  EXPECT_EQ(expected_served, served) << "groups served by windows, of " << groups;
-  EXPECT_EQ(groups - expected_served, gathered) << "groups gathered, of " << groups;
-}
-
-template <Method M, class S, class Body>
-void expect_reading(Reading expected, const WideGroups& w, Scene<M, S>& scene, Body&& body) {
-  const std::vector<Reading> per_row(static_cast<size_t>(scene.shape().height), expected);
-  expect_reading(per_row, w, scene, std::forward<Body>(body));
-}
-
-// Whether every group of `lanes` columns on the ramp lies in one grid row
-// and spans half a window or less along x: the only coherent rows read
-// through windows where a set reads a variant's rows within one window.
-bool groups_within_one_window(const Ramp& r, int lanes) {
-  const double steps = lanes - 1;
-  return std::fabs(r.step[0]) * steps <= double(lanes / 2 - 1) &&
-         (std::fabs(r.step[1]) + std::fabs(r.step[2])) * steps <=
-             qzinterp3d::one_window_row_crossings_per_group;
+  const bool windows = expected == Reading::windows;
+  EXPECT_EQ(windows ? groups : 0, served) << "groups served by windows, of " << groups;
+  EXPECT_EQ(windows ? 0 : groups, gathered) << "groups gathered, of " << groups;
 }
 
 // Sets the rows, checks the premise that they lie inside, calls, compares
@@ -316,13 +294,7 @@ void expect_inside_rows_read(GuardedScene<M, S>& g, const std::vector<Ramp>& row
                              Reading expected, const WideGroups& w, const std::string& what) {
   set_rows(g.scene, rows);
   ASSERT_TRUE(all_inside(g.scene)) << "the case's points leave the grid: " << what;
-  std::vector<Reading> per_row;
-  for (const Ramp& r : rows) {
-    const bool one_window_only = w.rows == qzinterp3d::WindowRows::one_window;
-    per_row.push_back(one_window_only && !groups_within_one_window(r, w.lanes) ? Reading::gathers
-                                                                                : expected);
-  }
-  expect_reading(per_row, w, g.scene, [&] { expect_model(g.scene, -3.5, what); });
+  expect_reading(expected, w, g.scene, [&] { expect_model(g.scene, -3.5, what); });
 }
 
 // Oblique runs inside a 70x6x5 grid: x along the row both ways with steps
@@ -399,8 +371,7 @@ TYPED_TEST(CoherentPoints, OneRowCrossingPerGroupIsServedTwoAreGathered) {
 // change. Along x within a grid row every method checks and every group is
 // read so. With a grid row crossed every 32 columns, trilinear rows still
 // check, and the groups across a crossing read both windows; nearest rows
-// do not check, and where the set reads only rows within one window they
-// are gathered.
+// do not check.
 TYPED_TEST(CoherentPoints, GroupsWithinOneWindowReadOnlyTheFirst) {
   QZ_TEST_VARIANT_NAMES(TypeParam);
   std::mt19937_64 rng(81);
@@ -425,8 +396,7 @@ TYPED_TEST(CoherentPoints, GroupsWithinOneWindowReadOnlyTheFirst) {
         EXPECT_EQ(0u, first_only) << describe(r);
         continue;
       }
-      const bool gathered = crosses && w.rows == qzinterp3d::WindowRows::one_window;
-      EXPECT_EQ(gathered ? 0 : wide_groups_in(g.scene, w.lanes), served) << describe(r);
+      EXPECT_EQ(wide_groups_in(g.scene, w.lanes), served) << describe(r);
       if (!crosses) {
         EXPECT_EQ(served, first_only) << describe(r);
       } else if (M == Method::nearest) {

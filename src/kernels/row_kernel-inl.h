@@ -69,24 +69,19 @@ concept HasXPairGather = Ops::has_x_pair_gather;
 template <class Ops>
 concept HasWindowLoads = Ops::has_window_loads;
 
-// The coherent rows of a variant that read through windows: on a set with
-// window loads, every such row, except for nearest rows of the samples for
-// which the set's Ops say otherwise (nearest_window_rows<Sample>).
-template <class Ops, Method M, class Sample>
-constexpr WindowRows window_rows() {
-  if constexpr (!HasWindowLoads<Ops>) {
-    return WindowRows::none;
-  } else if constexpr (M == Method::nearest &&
-                       requires { Ops::template nearest_window_rows<Sample>; }) {
-    return Ops::template nearest_window_rows<Sample>;
-  } else {
-    return WindowRows::coherent;
-  }
-}
-
+// Whether rows of a variant read coherent points through windows where
+// they can: every variant on a set with window loads, except nearest rows
+// of the samples a set's Ops exclude (nearest_window_reads<Sample>).
 template <class Ops, Method M, class Sample>
 constexpr bool reads_windows() {
-  return window_rows<Ops, M, Sample>() != WindowRows::none;
+  if constexpr (!HasWindowLoads<Ops>) {
+    return false;
+  } else if constexpr (M == Method::nearest &&
+                       requires { Ops::template nearest_window_reads<Sample>; }) {
+    return Ops::template nearest_window_reads<Sample>;
+  } else {
+    return true;
+  }
 }
 
 // Where a hardware gather of 32-bit words is the way to read narrow samples,
@@ -885,15 +880,10 @@ inline int64_t wide_full_groups(const Grid<Sample>& grid, const RowPlan& row_pla
     [[maybe_unused]] const int64_t first = c;
     [[maybe_unused]] uint64_t gathered = 0;  // by gather_run, then in all
     while (c + Wide::lanes <= end) {
-      // Rows where the check would often fail leave it out of the loop;
-      // one_window variants read no other rows through windows.
-      if constexpr (window_rows<Wide, M, Sample>() == WindowRows::one_window) {
-        c = window_run<Wide, M, Sample, true>(g, plan, r, c, end, shortfalls);
-      } else {
-        c = plan.one_window_first
-                ? window_run<Wide, M, Sample, true>(g, plan, r, c, end, shortfalls)
-                : window_run<Wide, M, Sample, false>(g, plan, r, c, end, shortfalls);
-      }
+      // Rows where the check would often fail leave it out of the loop.
+      c = plan.one_window_first
+              ? window_run<Wide, M, Sample, true>(g, plan, r, c, end, shortfalls)
+              : window_run<Wide, M, Sample, false>(g, plan, r, c, end, shortfalls);
       int64_t groups = gather_run_groups;
       if constexpr (!GathersInLine<Wide>) {
         // Stopped at a group the windows did not serve, or at the end.
@@ -972,10 +962,8 @@ void row(const Grid<Sample>& grid, const RowSpan<CoordOf<Sample>>& span) {
       plan.one_window_first = shape.one_window_first(M);
       const int64_t grid_bytes = (int64_t{plan.hi} - plan.lo + 1) * int64_t{sizeof(Sample)};
       plan.prefetch = shape.prefetches(M, int64_t{sizeof(Sample)}, grid_bytes);
-      constexpr WindowRows window_rows_read = window_rows<Wide, M, Sample>();
-      const bool window_row = window_rows_read == WindowRows::coherent ||
-                              (window_rows_read == WindowRows::one_window && plan.one_window_first);
-      fetch = window_row && shape.window_reads(M, plan.prefetch) && windows_fit(plan, Wide::lanes)
+      fetch = reads_windows<Wide, M, Sample>() && shape.window_reads(M, plan.prefetch) &&
+                      windows_fit(plan, Wide::lanes)
                   ? Fetch::windows
                   : Fetch::gathers;
       scalar_loads = shape.scalar_loads(M, int64_t{sizeof(Sample)}, grid_bytes);
@@ -1024,7 +1012,7 @@ constexpr KernelSet make_kernel_set(const char* name) {
 #define QZ_ROW_POINTER(method, type, T) &row<WideOps, NarrowOps, Method::method, T>,
                    QZ_FOR_EACH_VARIANT(QZ_ROW_POINTER)
 #undef QZ_ROW_POINTER
-#define QZ_WINDOWS_FLAG(method, type, T) window_rows<WideOps<CoordOf<T>>, Method::method, T>(),
+#define QZ_WINDOWS_FLAG(method, type, T) reads_windows<WideOps<CoordOf<T>>, Method::method, T>(),
                    QZ_FOR_EACH_VARIANT(QZ_WINDOWS_FLAG)
 #undef QZ_WINDOWS_FLAG
   };

@@ -59,7 +59,8 @@ inline constexpr double window_row_crossings_per_group = 1;
 //     4-sample window, 0.92x when it checked);
 //   - a nearest group saves one of each: it checks only where in addition
 //     its lanes cross grid rows at most once in this many groups (uint8
-//     through 64^3: along x and on upsampling grids 1.12-1.15x faster, a
+//     through 64^3, on the 32-byte set when its nearest rows still read
+//     windows: along x and on upsampling grids 1.12-1.15x faster, a
 //     deformed grid 0.94-0.97x when it checked).
 inline constexpr double one_window_row_crossings_per_group = 1.0 / 16;
 

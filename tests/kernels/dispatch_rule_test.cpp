@@ -137,12 +137,10 @@ TEST(DispatchRule, TraitsMatchTheSystemsReport) {
 
 }  // namespace
 
-// Which rows of each variant each set reads through windows: the 32-byte
-// set reads trilinear rows of every type through them, nearest rows of 8-bit
-// samples too, and nearest rows of 16-bit samples only where a group's lanes
-// mostly lie in one window (for wider samples and other rows scalar loads
-// were faster); the 64-byte sets read every variant through them; the
-// 16-byte and portable sets have none. The flags come from the same constants the
+// Which variants of each set read coherent points through windows: the
+// 32-byte set reads trilinear rows of every type through them, and no
+// nearest rows (scalar loads were faster); the 64-byte sets read every
+// variant through them; the 16-byte and portable sets have none. The flags come from the same constants the
 // row kernels branch on; tests/coherent_points_test.cpp checks, set by set,
 // that rows read the way the flags say.
 namespace {
@@ -158,20 +156,13 @@ const qzinterp3d::KernelSet* kernel_set_named(const std::string& name) {
 using qzinterp3d::Method;
 
 // The set's flags for nearest and trilinear, in the order int8, uint8,
-// int16, uint16, int32, uint32, float32, float64: 'W' for every coherent
-// row, '1' for rows within one window, '0' for none.
+// int16, uint16, int32, uint32, float32, float64.
 std::string window_flags(const qzinterp3d::KernelSet& set, Method m) {
   auto flag = [&](auto sample) {
     using S = decltype(sample);
-    const qzinterp3d::WindowRows rows = m == Method::nearest
-                                            ? set.window_rows<Method::nearest, S>()
-                                            : set.window_rows<Method::bilinear, S>();
-    switch (rows) {
-      case qzinterp3d::WindowRows::coherent: return 'W';
-      case qzinterp3d::WindowRows::one_window: return '1';
-      case qzinterp3d::WindowRows::none: return '0';
-    }
-    return '?';
+    const bool windows = m == Method::nearest ? set.reads_windows<Method::nearest, S>()
+                                              : set.reads_windows<Method::bilinear, S>();
+    return windows ? '1' : '0';
   };
   return {flag(int8_t{}),  flag(uint8_t{}),  flag(int16_t{}), flag(uint16_t{}),
           flag(int32_t{}), flag(uint32_t{}), flag(float{}),   flag(double{})};
@@ -179,11 +170,11 @@ std::string window_flags(const qzinterp3d::KernelSet& set, Method m) {
 
 }  // namespace
 
-TEST(KernelSetWindows, Avx2ReadsNearestWindowsForByteSamplesAnd16BitOnesWithinOne) {
+TEST(KernelSetWindows, Avx2ReadsTrilinearRowsThroughWindowsAndNoNearestOnes) {
   const qzinterp3d::KernelSet* set = kernel_set_named("avx2");
   if (set == nullptr) GTEST_SKIP() << "this build has no avx2 set";
-  EXPECT_EQ("WW110000", window_flags(*set, Method::nearest));
-  EXPECT_EQ("WWWWWWWW", window_flags(*set, Method::bilinear));
+  EXPECT_EQ("00000000", window_flags(*set, Method::nearest));
+  EXPECT_EQ("11111111", window_flags(*set, Method::bilinear));
 }
 
 TEST(KernelSetWindows, WideSetsReadEveryVariantThroughWindows) {
@@ -192,8 +183,8 @@ TEST(KernelSetWindows, WideSetsReadEveryVariantThroughWindows) {
     const qzinterp3d::KernelSet* set = kernel_set_named(name);
     if (set == nullptr) continue;
     ++checked;
-    EXPECT_EQ("WWWWWWWW", window_flags(*set, Method::nearest)) << name;
-    EXPECT_EQ("WWWWWWWW", window_flags(*set, Method::bilinear)) << name;
+    EXPECT_EQ("11111111", window_flags(*set, Method::nearest)) << name;
+    EXPECT_EQ("11111111", window_flags(*set, Method::bilinear)) << name;
   }
   if (checked == 0) GTEST_SKIP() << "this build has no 64-byte set";
 }

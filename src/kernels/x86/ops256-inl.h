@@ -192,21 +192,17 @@ struct Ops256<float> {
   }
 
   // Windows: eight consecutive samples by one load, handed out by permutes.
-  // Trilinear rows read through them, but nearest rows need one sample a
-  // lane, and eight scalar loads, in about as many instructions, do not
-  // wait on the window path's chain of broadcasts, serve checks and
-  // cross-lane permutes. On Zen 3 nearest rows without windows ran up to
-  // 1.46x as fast for 16- and 32-bit samples, and 0.96-1.17x for 8-bit ones,
-  // whose scalar loads cost more to assemble: 8-bit rows read through
-  // windows. Where a group's lanes mostly lie in its first lane's window, one
-  // load and one permute serve it, and 16-bit rows read through windows
-  // there too (along x and on upsampling grids, Zen 3: 1.04-1.17x; 32-bit
-  // samples 0.92-1.05x, so not them).
+  // Trilinear rows read through them, nearest rows do not: a nearest group
+  // needs one sample a lane, and eight scalar loads, in about as many
+  // instructions, do not wait on the window path's chain of broadcasts,
+  // serve checks and cross-lane permutes. On Zen 3 nearest rows without
+  // windows ran up to 1.46x as fast over 16- and 32-bit samples, and, since
+  // 8- and 16-bit samples are inserted into one vector, 1.04-1.29x over
+  // 8-bit ones (0.97-1.08x over 16-bit ones, against reading through the
+  // window of a group's first lane where it serves them all).
   static constexpr bool has_window_loads = true;
   template <class Sample>
-  static constexpr WindowRows nearest_window_rows = sizeof(Sample) == 1   ? WindowRows::coherent
-                                                    : sizeof(Sample) == 2 ? WindowRows::one_window
-                                                                          : WindowRows::none;
+  static constexpr bool nearest_window_reads = false;
   static uint32_t bits(IndexMask m) {
     return static_cast<uint32_t>(_mm256_movemask_ps(_mm256_castsi256_ps(m)));
   }
@@ -450,7 +446,7 @@ struct Ops256<double> {
   // 64-bit lanes (up to 1.8x on Zen 3).
   static constexpr bool has_window_loads = true;
   template <class Sample>
-  static constexpr WindowRows nearest_window_rows = WindowRows::none;
+  static constexpr bool nearest_window_reads = false;
   static uint32_t bits(IndexMask m) {
     return static_cast<uint32_t>(_mm_movemask_ps(_mm_castsi128_ps(m)));
   }
