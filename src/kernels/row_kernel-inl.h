@@ -38,9 +38,9 @@
 //     rows run in the default floating-point environment, so a conversion
 //     may round to nearest by itself);
 //   not_gt and and_not_gt(mask, a, b) (the block test as chained masked
-//   comparisons); with windows, all_set, round_to_index_in_range<mode>
-//   and either bits_within and and_bits_within (a's bits <= b's, unsigned)
-//   or ge, and_ge and and_le, for groups wholly inside the grid.
+//   comparisons); with windows, all_set, round_to_index_in_range<mode>,
+//   bits_within and and_bits_within (a's bits <= b's, unsigned), for
+//   groups wholly inside the grid.
 
 #include "kernels/blend.h"  // blend formulas for this target
 
@@ -225,42 +225,25 @@ struct GroupKernel {
   // True when every lane is inside the grid with no NaN coordinate (ordered
   // comparisons) and the bounds are exact: then no lane is filled, and
   // rounding d gives indices in [0, n - 1] with nothing to clamp. Groups of
-  // a slice through the grid mostly are; where Ops has chained comparisons
-  // for the test (bit comparisons, or ordered ones), this check costs less
-  // than the clamps and the fill it saves, whether the group is read
-  // through windows or gathered (float32 nearest, oblique plane through
-  // 256^3, gathered: about 1.2x).
+  // a slice through the grid mostly are; where Ops compares bits for the
+  // test, this check costs less than the clamps and the fill it saves,
+  // whether the group is read through windows or gathered (float32
+  // nearest, oblique plane through 256^3, gathered: about 1.2x).
   static constexpr bool compares_bits = requires(Mask m, V a) { Ops::and_bits_within(m, a, a); };
-  static constexpr bool compares_ordered = requires(Mask m, V a) {
-    Ops::and_ge(m, a, a);
-    Ops::and_le(m, a, a);
-  };
   static constexpr bool sets_all = requires(Mask m) { Ops::all_set(m); };
-  static constexpr bool checks_inside =
-      F != Fetch::per_lane && sets_all && (compares_bits || compares_ordered);
+  static constexpr bool checks_inside = F != Fetch::per_lane && sets_all && compares_bits;
   QZ_ALWAYS_INLINE static bool all_inside(const Grid<Sample>& g, const RowPlan& plan,
                                           const Query& q) {
     if (!plan.bounds_exact) return false;
-    if constexpr (compares_bits) {
-      // One comparison per axis: d = q - 1 is +0 or positive exactly when
-      // q >= 1 (it rounds to zero only at q = 1, and then to +0), and for
-      // such d, and the bound n - 1 >= 0, d <= bound as numbers exactly
-      // when d's bits are not above the bound's as unsigned integers. A
-      // negative d (sign bit set) or a NaN d is above every such bound.
-      Mask in = Ops::bits_within(q.dx, Ops::set1(g.bound_x));
-      in = Ops::and_bits_within(in, q.dy, Ops::set1(g.bound_y));
-      in = Ops::and_bits_within(in, q.dz, Ops::set1(g.bound_z));
-      return Ops::all_set(in);
-    } else {
-      const V one = Ops::set1(C(1));
-      Mask in = Ops::ge(q.xq, one);
-      in = Ops::and_le(in, q.dx, Ops::set1(g.bound_x));
-      in = Ops::and_ge(in, q.yq, one);
-      in = Ops::and_le(in, q.dy, Ops::set1(g.bound_y));
-      in = Ops::and_ge(in, q.zq, one);
-      in = Ops::and_le(in, q.dz, Ops::set1(g.bound_z));
-      return Ops::all_set(in);
-    }
+    // One comparison per axis: d = q - 1 is +0 or positive exactly when
+    // q >= 1 (it rounds to zero only at q = 1, and then to +0), and for
+    // such d, and the bound n - 1 >= 0, d <= bound as numbers exactly when
+    // d's bits are not above the bound's as unsigned integers. A negative d
+    // (sign bit set) or a NaN d is above every such bound.
+    Mask in = Ops::bits_within(q.dx, Ops::set1(g.bound_x));
+    in = Ops::and_bits_within(in, q.dy, Ops::set1(g.bound_y));
+    in = Ops::and_bits_within(in, q.dz, Ops::set1(g.bound_z));
+    return Ops::all_set(in);
   }
 
   // The value of each lane, or the fill value where the lane is outside.

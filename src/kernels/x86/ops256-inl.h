@@ -371,9 +371,23 @@ struct Ops256<double> {
       return _mm256_cvttpd_epi32(_mm256_round_pd(a, rounding | _MM_FROUND_NO_EXC));
     }
   }
-  static Mask ge(V a, V b) { return _mm256_cmp_pd(a, b, _CMP_GE_OQ); }
-  static Mask and_ge(Mask m, V a, V b) { return _mm256_and_pd(m, _mm256_cmp_pd(a, b, _CMP_GE_OQ)); }
-  static Mask and_le(Mask m, V a, V b) { return _mm256_and_pd(m, _mm256_cmp_pd(a, b, _CMP_LE_OQ)); }
+  // a's bits not above b's as unsigned integers (see Ops256<float>), for a
+  // bound b whose sign bit is clear. AVX2 compares 64-bit integers only as
+  // signed ones; an a with its sign bit set is out by that bit, and for the
+  // others the signed comparison is the unsigned one. Only sign bits count
+  // (all_set), so a lane is out where (a > b signed) | a has it set: three
+  // instructions an axis, where two ordered comparisons and their ands
+  // take four.
+  static __m256i beyond(V a, V b) {
+    const __m256i bits = _mm256_castpd_si256(a);
+    return _mm256_or_si256(_mm256_cmpgt_epi64(bits, _mm256_castpd_si256(b)), bits);
+  }
+  static Mask bits_within(V a, V b) {
+    return _mm256_castsi256_pd(_mm256_xor_si256(beyond(a, b), _mm256_set1_epi64x(-1)));
+  }
+  static Mask and_bits_within(Mask m, V a, V b) {
+    return _mm256_andnot_pd(_mm256_castsi256_pd(beyond(a, b)), m);
+  }
   static bool all_set(Mask m) { return _mm256_movemask_pd(m) == 0xF; }
   // a clamped into [0, hi], NaN to hi (minpd gives its second operand
   // where either is NaN), for prefetch hints: there it replaces to_index's
